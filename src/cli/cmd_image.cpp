@@ -1,0 +1,125 @@
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <system_error>
+
+#include "cli/args.h"
+#include "cli/commands.h"
+#include "frames/crc16.h"
+#include "image/hex_file.h"
+
+namespace palimbo::cli {
+
+namespace {
+
+// The module programs the image in pages of this size.
+constexpr size_t kPageSize = 256;
+
+constexpr const char* kInfoUsage =
+    "Usage: palimbo-cli info [--json] FILE\n"
+    "Reads the firmware file FILE and shows the length of its image, the CRC over the image,\n"
+    "whether it holds the encryption marker and the number of 256-byte pages.\n\n"
+    "Options:\n"
+    "  --json   print one JSON object: length, crc, encrypted, pages (or error)\n"
+    "  --help   show this text\n";
+
+constexpr const char* kHex2BinUsage =
+    "Usage: palimbo-cli hex2bin FILE OUT\n"
+    "Reads the firmware file FILE and writes its flat image to OUT, byte n at offset n.\n\n"
+    "Options:\n"
+    "  --help   show this text\n";
+
+std::string JsonEscaped(const std::string& Text) {
+  std::string out;
+  for (const char c : Text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (byte < 0x20) {
+      char code[8];
+      std::snprintf(code, sizeof code, "\\u%04x", byte);
+      out += code;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+int RunInfo(const std::vector<std::string>& Args) {
+  const ParsedArgs parsed = ParseArgs(Args, {{"--json"}, {"--help"}});
+  if (parsed.Has("--help")) {
+    std::cout << kInfoUsage;
+    return kExitOk;
+  }
+  ExpectPositional(parsed, 1, "FILE");
+  const std::string& file = parsed.Positional[0];
+  const bool json = parsed.Has("--json");
+
+  bool encrypted = false;
+  const HexReadResult read = ReadHexFile(file, encrypted);
+  if (!read.Ok()) {
+    if (json) std::cout << "{\"error\": \"" << JsonEscaped(read.Reason) << "\"}\n";
+    std::cerr << "palimbo-cli info: " << file << ": " << read.Reason << '\n';
+    return kExitUsage;
+  }
+
+  const size_t length = read.FirmwareString.size();
+  const int32_t crc = Crc16Of(read.FirmwareString);
+  const size_t pages = (length + kPageSize - 1) / kPageSize;
+  if (json) {
+    std::cout << "{\"length\": " << length << ", \"crc\": " << crc
+              << ", \"encrypted\": " << (encrypted ? "true" : "false") << ", \"pages\": " << pages
+              << "}\n";
+    return kExitOk;
+  }
+  char crcText[16];
+  std::snprintf(crcText, sizeof crcText, "0x%04X", static_cast<unsigned>(crc));
+  std::cout << "File:      " << file << '\n'
+            << "Length:    " << length << " bytes\n"
+            << "CRC:       " << crcText << " (" << crc << ")\n"
+            << "Encrypted: " << (encrypted ? "yes" : "no") << '\n'
+            << "Pages:     " << pages << " of " << kPageSize << " bytes\n";
+  return kExitOk;
+}
+
+int RunHex2Bin(const std::vector<std::string>& Args) {
+  const ParsedArgs parsed = ParseArgs(Args, {{"--help"}});
+  if (parsed.Has("--help")) {
+    std::cout << kHex2BinUsage;
+    return kExitOk;
+  }
+  ExpectPositional(parsed, 2, "FILE and OUT");
+  const std::string& file = parsed.Positional[0];
+  const std::string& out = parsed.Positional[1];
+
+  bool encrypted = false;
+  const HexReadResult read = ReadHexFile(file, encrypted);
+  if (!read.Ok()) {
+    std::cerr << "palimbo-cli hex2bin: " << file << ": " << read.Reason << '\n';
+    return kExitUsage;
+  }
+
+  const std::string& image = read.FirmwareString;
+  std::FILE* target = std::fopen(out.c_str(), "wb");
+  bool written = target != nullptr;
+  if (written) written = std::fwrite(image.data(), 1, image.size(), target) == image.size();
+  int err = errno;
+  if (target != nullptr && std::fclose(target) != 0 && written) {
+    err = errno;
+    written = false;
+  }
+  if (!written) {
+    std::cerr << "palimbo-cli hex2bin: cannot write " << out << ": "
+              << std::generic_category().message(err) << '\n';
+    return kExitFailed;
+  }
+  std::cout << "wrote " << image.size() << " bytes to " << out << '\n';
+  return kExitOk;
+}
+
+}  // namespace palimbo::cli

@@ -1,0 +1,12 @@
+#include <iostream>
+
+#include "cli/commands.h"
+
+namespace palimbo::cli {
+
+int RunSimulate(const std::vector<std::string>&) {
+  std::cerr << "not built yet\n";
+  return kExitFailed;
+}
+
+}  // namespace palimbo::cli

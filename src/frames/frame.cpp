@@ -1,0 +1,58 @@
+#include "frames/frame.h"
+
+#include "frames/crc16.h"
+#include "serial/comm.h"
+
+namespace palimbo {
+
+namespace {
+constexpr int kSilenceMs = 60;
+}
+
+std::string BuildFrame(uint8_t StartByte, uint8_t CommandByte, std::string_view CommandString) {
+  std::string body;
+  body.reserve(CommandString.size() + 2);
+  body += static_cast<char>(CommandString.size() + 1);
+  body += static_cast<char>(CommandByte);
+  body += CommandString;
+  const int32_t crc = Crc16Of(body);
+  std::string frame;
+  frame.reserve(body.size() + 3);
+  frame += static_cast<char>(StartByte);
+  frame += body;
+  frame += static_cast<char>(crc / 256);
+  frame += static_cast<char>(crc & 255);
+  return frame;
+}
+
+HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L) {
+  // With two bytes or fewer the length is taken as 100, which is never complete yet.
+  L = RxBuffer.size() > 2 ? static_cast<uint8_t>(RxBuffer[1]) : 100;
+  if (RxBuffer.size() < static_cast<size_t>(L) + 4) return HeadFrame::Incomplete;
+  const int32_t crc = Crc16Of(std::string_view(RxBuffer).substr(1, static_cast<size_t>(L) + 1));
+  if (static_cast<uint8_t>(RxBuffer[L + 2]) != crc / 256 ||
+      static_cast<uint8_t>(RxBuffer[L + 3]) != (crc & 255)) {
+    return HeadFrame::BadCrc;
+  }
+  return HeadFrame::Valid;
+}
+
+std::string BigEndian32(uint32_t Value) {
+  return {static_cast<char>(Value >> 24), static_cast<char>(Value >> 16),
+          static_cast<char>(Value >> 8), static_cast<char>(Value)};
+}
+
+void ReadPass(Link& Link, std::string& Chunk) {
+  Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+  if (!Chunk.empty() || Link.IdleWaitMicros <= 0) return;
+  Comm_warten_32(Link.Port, Link.PortHandle, Link.IdleWaitMicros);
+  Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+}
+
+void DropAfterSilence(Link& Link, int64_t LastByteTime, std::string& RxBuffer) {
+  if (LastByteTime + kSilenceMs < Link.Time.GetTickCount() && !RxBuffer.empty()) {
+    RxBuffer.erase(0, 1);
+  }
+}
+
+}  // namespace palimbo

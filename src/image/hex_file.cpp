@@ -1,0 +1,208 @@
+#include "image/hex_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace palimbo {
+
+namespace {
+
+// Value of a hexadecimal digit, or -1 for any other character.
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Decodes into `Out`, reusing its storage, so the reader allocates no string per line.
+void MakeBinInto(std::string_view Hexadec, std::string& Out) {
+  const size_t length = Hexadec.size();
+  size_t count = length / 2;
+  // An odd length rounds its half to the even neighbour.
+  if (length % 2 == 1 && count % 2 == 1) ++count;
+  Out.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    const size_t first = 2 * i;
+    const size_t end = std::min(first + 2, length);
+    int value = 0;
+    for (size_t k = first; k < end; ++k) {
+      const int digit = HexDigit(Hexadec[k]);
+      if (digit < 0) break;
+      value = value * 16 + digit;
+    }
+    Out[i] = static_cast<char>(value);
+  }
+}
+
+// Cuts lines off the front of a text: the first CR LF pair of the remaining text ends a line;
+// only when none is left does the first CR, and only when no CR is left the first LF.
+// Each search resumes where the last one stopped, so the whole text is scanned once per kind.
+class LineCutter {
+ public:
+  explicit LineCutter(std::string_view Text)
+      : text_(Text),
+        nextCrlf_(Text.find("\r\n")),
+        nextCr_(Text.find('\r')),
+        nextLf_(Text.find('\n')) {}
+
+  bool Next(std::string_view& Line) {
+    if (pos_ >= text_.size()) return false;
+    const size_t crlf = NextAt(nextCrlf_, "\r\n");
+    if (crlf != std::string_view::npos) return Cut(crlf, 2, Line);
+    const size_t cr = NextAt(nextCr_, "\r");
+    if (cr != std::string_view::npos) return Cut(cr, 1, Line);
+    const size_t lf = NextAt(nextLf_, "\n");
+    if (lf != std::string_view::npos) return Cut(lf, 1, Line);
+    return Cut(text_.size(), 0, Line);
+  }
+
+ private:
+  // A hit still ahead of the cursor stays valid, and a search that found nothing never needs
+  // repeating, so no character is looked at twice for the same separator.
+  size_t NextAt(size_t& Cached, std::string_view Separator) {
+    if (Cached != std::string_view::npos && Cached < pos_) Cached = text_.find(Separator, pos_);
+    return Cached;
+  }
+
+  bool Cut(size_t End, size_t SeparatorLength, std::string_view& Line) {
+    Line = text_.substr(pos_, End - pos_);
+    pos_ = End + SeparatorLength;
+    return true;
+  }
+
+  std::string_view text_;
+  size_t pos_ = 0;
+  size_t nextCrlf_;
+  size_t nextCr_;
+  size_t nextLf_;
+};
+
+bool IsBlankLine(std::string_view Line) {
+  return Line.find_first_not_of(' ') == std::string_view::npos;
+}
+
+HexReadResult Failed(int LineNumber, const char* What) {
+  HexReadResult result;
+  result.Reason = "line " + std::to_string(LineNumber) + ": " + What;
+  return result;
+}
+
+}  // namespace
+
+std::string MakeBin(std::string_view Hexadec) {
+  std::string bytes;
+  MakeBinInto(Hexadec, bytes);
+  return bytes;
+}
+
+std::string MakeHex(std::string_view Text) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string hex(Text.size() * 2, '0');
+  for (size_t i = 0; i < Text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(Text[i]);
+    hex[2 * i] = kDigits[byte >> 4];
+    hex[2 * i + 1] = kDigits[byte & 0x0F];
+  }
+  return hex;
+}
+
+HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
+  constexpr int64_t kBufferSize = int64_t{kImageMaxIndex} + 1;
+  std::string imageBuffer(kBufferSize, '\0');
+  int64_t baseAddress = 0;
+  int64_t imageLength = 0;
+
+  LineCutter cutter(Text);
+  std::string_view line;
+  std::string record;
+  int lineNumber = 0;
+  while (cutter.Next(line)) {
+    ++lineNumber;
+    if (IsBlankLine(line)) continue;
+    // The record mark is dropped unseen: any first character will do.
+    MakeBinInto(line.substr(1), record);
+    const size_t n = record.size();
+    if (n < 4) return Failed(lineNumber, "record shorter than 4 bytes");
+
+    const auto at = [&record](size_t i) { return static_cast<uint8_t>(record[i]); };
+    unsigned sum = 0;
+    for (size_t i = 0; i + 1 < n; ++i) sum += at(i);
+    if (((~sum + 1) & 0xFF) != at(n - 1)) return Failed(lineNumber, "checksum mismatch");
+
+    const uint8_t byteCount = at(0);
+    const int64_t address = at(1) * 256 + at(2);
+    const uint8_t type = at(3);
+    // The data run to the byte before the checksum, whatever the byte count says.
+    const std::string_view data =
+        n > 5 ? std::string_view(record).substr(4, n - 5) : std::string_view();
+
+    switch (type) {
+      case 0: {
+        int64_t index = baseAddress + address;
+        for (const char byte : data) {
+          if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
+          imageBuffer[static_cast<size_t>(index)] = byte;
+          ++index;
+        }
+        // An empty record still stretches the image, but never past the buffer.
+        if (index > kBufferSize) return Failed(lineNumber, "data beyond address 100000");
+        imageLength = std::max(imageLength, index);
+        break;
+      }
+      case 2:
+        if (byteCount == 2 && address == 0 && data.size() >= 2) {
+          baseAddress =
+              (int64_t{static_cast<uint8_t>(data[0])} * 256 + static_cast<uint8_t>(data[1])) * 16;
+        } else {
+          baseAddress = 0;
+        }
+        break;
+      case 255:
+        IsEncrypted = true;
+        break;
+      default:
+        // End of file, linear address and start addresses change nothing.
+        break;
+    }
+  }
+
+  imageBuffer.resize(static_cast<size_t>(imageLength));
+  HexReadResult result;
+  result.FirmwareString = std::move(imageBuffer);
+  return result;
+}
+
+HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted) {
+  const auto failedOpen = [](int err) {
+    HexReadResult result;
+    result.Reason = "cannot open file: " + std::generic_category().message(err);
+    return result;
+  };
+  std::FILE* file = std::fopen(Filename.c_str(), "rb");
+  if (file == nullptr) return failedOpen(errno);
+
+  // The size is only a hint for one read; reading on to the end copes with a file that changed.
+  std::error_code sizeError;
+  const auto hint = std::filesystem::file_size(Filename, sizeError);
+  std::string text(sizeError ? 0 : static_cast<size_t>(hint), '\0');
+  size_t got = std::fread(text.data(), 1, text.size(), file);
+  char chunk[65536];
+  while (!std::ferror(file) && !std::feof(file)) {
+    const size_t more = std::fread(chunk, 1, sizeof chunk, file);
+    text.append(chunk, more);
+    got += more;
+  }
+  const int err = errno;
+  const bool readFailed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (readFailed) return failedOpen(err);
+  text.resize(got);
+  return ReadHexText(text, IsEncrypted);
+}
+
+}  // namespace palimbo

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace palimbo {
+
+/// Highest index of the image buffer: an image holds at most 100001 bytes.
+inline constexpr int32_t kImageMaxIndex = 100000;
+
+/// The outcome of reading a firmware file. On failure the image is empty and `Reason` says
+/// why, with the 1-based line where one applies ("line 12: checksum mismatch").
+struct HexReadResult {
+  std::string FirmwareString;  ///< the flat image; byte n belongs at device address n
+  std::string Reason;          ///< empty when the read succeeded
+  bool Ok() const { return Reason.empty(); }
+};
+
+/// Reads an Intel HEX file into the flat image. Sets `IsEncrypted` when the file holds a
+/// marker record of type 255; never clears it.
+HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted);
+
+/// The same on a text already in memory, one character a byte.
+HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted);
+
+/// Hexadecimal digit pairs to bytes. Never fails.
+std::string MakeBin(std::string_view Hexadec);
+
+/// Bytes to upper-case hexadecimal digit pairs: 0A FF gives "0AFF".
+std::string MakeHex(std::string_view Text);
+
+}  // namespace palimbo

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace palimbo {
+
+/// One platform's serial port services, seen through handles.
+///
+/// A backend holds its own open ports; two backends never share one. Every call returns at
+/// once except `WaitForInput`, which waits at most the time it is given.
+class SerialBackend {
+ public:
+  virtual ~SerialBackend() = default;
+
+  /// Opens `PortName` with the line settings text behind the ":" of a setting string,
+  /// such as "57600,N,8,1". Returns a handle of 0 or more, or -1.
+  virtual int32_t Open(const std::string& PortName, const std::string& LineSettings) = 0;
+  /// The system's reason for the last failed `Open`, for the front ends to show.
+  virtual std::string LastOpenError() const = 0;
+  /// Bytes waiting in the input queue; 0 for a handle that is not open.
+  virtual int32_t BytesWaiting(int32_t Handle) = 0;
+  /// Reads exactly `Count` bytes that are already waiting into `Buffer` (replacing it).
+  /// Returns the system read's status: non-zero for success.
+  virtual int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) = 0;
+  /// Writes all of `Data` in one call; returns the count written, 0 for a handle not open.
+  virtual int32_t Write(int32_t Handle, const std::string& Data) = 0;
+  /// Releases the port; a handle that is not open is ignored.
+  virtual void Close(int32_t Handle) = 0;
+  /// Raises DTR. A port that refuses it (a pseudo-terminal does) is no failure.
+  virtual void RaiseDtr(int32_t Handle) = 0;
+  /// Waits until input is waiting or `MaxMicros` have passed, whichever is first.
+  /// Returns at once when input is already waiting or the handle is not open.
+  virtual void WaitForInput(int32_t Handle, int32_t MaxMicros) = 0;
+};
+
+/// The serial ports of the machine the program runs on (termios or Win32, chosen at build time).
+std::unique_ptr<SerialBackend> MakeSystemSerialBackend();
+
+}  // namespace palimbo

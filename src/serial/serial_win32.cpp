@@ -1,0 +1,150 @@
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#include <windows.h>
+
+#include <algorithm>
+#include <limits>
+#include <vector>
+
+#include "serial/serial_backend.h"
+
+namespace palimbo {
+namespace {
+
+// Queue sizes asked of the driver for both directions.
+constexpr DWORD kQueueSize = 2048;
+
+std::string SystemMessage(DWORD Code) {
+  char* text = nullptr;
+  const DWORD length = ::FormatMessageA(
+      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+      nullptr, Code, 0, reinterpret_cast<char*>(&text), 0, nullptr);
+  std::string message = length != 0 && text != nullptr ? std::string(text, length)
+                                                       : "system error " + std::to_string(Code);
+  if (text != nullptr) ::LocalFree(text);
+  // The system's texts end with a full stop and a line break, which a front end adds itself.
+  while (!message.empty() && (message.back() == '\r' || message.back() == '\n' ||
+                              message.back() == ' ' || message.back() == '.')) {
+    message.pop_back();
+  }
+  return message;
+}
+
+class Win32SerialBackend final : public SerialBackend {
+ public:
+  Win32SerialBackend() = default;
+  Win32SerialBackend(const Win32SerialBackend&) = delete;
+  Win32SerialBackend& operator=(const Win32SerialBackend&) = delete;
+  ~Win32SerialBackend() override {
+    for (HANDLE port : ports_) {
+      if (port != INVALID_HANDLE_VALUE) ::CloseHandle(port);
+    }
+  }
+
+  int32_t Open(const std::string& PortName, const std::string& LineSettings) override;
+  std::string LastOpenError() const override { return last_error_; }
+  int32_t BytesWaiting(int32_t Handle) override;
+  int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
+  int32_t Write(int32_t Handle, const std::string& Data) override;
+  void Close(int32_t Handle) override;
+  void RaiseDtr(int32_t Handle) override;
+  void WaitForInput(int32_t Handle, int32_t MaxMicros) override;
+
+ private:
+  // The interface speaks in small numbers; the table maps them to the system's handles.
+  HANDLE Find(int32_t Handle) const {
+    if (Handle < 0 || static_cast<size_t>(Handle) >= ports_.size()) return INVALID_HANDLE_VALUE;
+    return ports_[static_cast<size_t>(Handle)];
+  }
+
+  std::vector<HANDLE> ports_;
+  std::string last_error_;
+};
+
+int32_t Win32SerialBackend::Open(const std::string& PortName, const std::string& LineSettings) {
+  const std::string path = "\\\\.\\" + PortName;
+  // Share mode 0: a port another program holds cannot be opened.
+  HANDLE port = ::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                              OPEN_EXISTING, 0, nullptr);
+  if (port == INVALID_HANDLE_VALUE) {
+    last_error_ = SystemMessage(::GetLastError());
+    return -1;
+  }
+  ::SetupComm(port, kQueueSize, kQueueSize);
+  DCB dcb{};
+  dcb.DCBlength = sizeof(dcb);
+  ::GetCommState(port, &dcb);
+  // Fields the text does not name keep what the port reported.
+  if (::BuildCommDCBA(LineSettings.c_str(), &dcb) == 0) {
+    ::CloseHandle(port);
+    last_error_ = "bad line settings '" + LineSettings + "'";
+    return -1;
+  }
+  ::SetCommState(port, &dcb);
+
+  auto slot = std::find(ports_.begin(), ports_.end(), INVALID_HANDLE_VALUE);
+  if (slot == ports_.end()) slot = ports_.insert(ports_.end(), INVALID_HANDLE_VALUE);
+  *slot = port;
+  return static_cast<int32_t>(slot - ports_.begin());
+}
+
+int32_t Win32SerialBackend::BytesWaiting(int32_t Handle) {
+  const HANDLE port = Find(Handle);
+  if (port == INVALID_HANDLE_VALUE) return 0;
+  DWORD errors = 0;
+  COMSTAT status{};
+  // The error flags (overrun, framing, parity) are cleared and dropped unread.
+  ::ClearCommError(port, &errors, &status);
+  return static_cast<int32_t>(
+      std::min<DWORD>(status.cbInQue, static_cast<DWORD>(std::numeric_limits<int32_t>::max())));
+}
+
+int16_t Win32SerialBackend::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
+  Buffer.clear();
+  const HANDLE port = Find(Handle);
+  if (port == INVALID_HANDLE_VALUE || Count <= 0) return 0;
+  Buffer.resize(static_cast<size_t>(Count));
+  DWORD got = 0;
+  const BOOL ok = ::ReadFile(port, Buffer.data(), static_cast<DWORD>(Count), &got, nullptr);
+  Buffer.resize(got);
+  return ok ? 1 : 0;
+}
+
+int32_t Win32SerialBackend::Write(int32_t Handle, const std::string& Data) {
+  const HANDLE port = Find(Handle);
+  if (port == INVALID_HANDLE_VALUE) return 0;
+  DWORD written = 0;
+  ::WriteFile(port, Data.data(), static_cast<DWORD>(Data.size()), &written, nullptr);
+  return static_cast<int32_t>(written);
+}
+
+void Win32SerialBackend::Close(int32_t Handle) {
+  const HANDLE port = Find(Handle);
+  if (port == INVALID_HANDLE_VALUE) return;
+  ::CloseHandle(port);
+  ports_[static_cast<size_t>(Handle)] = INVALID_HANDLE_VALUE;
+}
+
+void Win32SerialBackend::RaiseDtr(int32_t Handle) {
+  const HANDLE port = Find(Handle);
+  if (port != INVALID_HANDLE_VALUE) ::EscapeCommFunction(port, SETDTR);
+}
+
+void Win32SerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
+  if (MaxMicros <= 0 || BytesWaiting(Handle) > 0 || Find(Handle) == INVALID_HANDLE_VALUE) return;
+  // With no time-outs set on the port there is no waiting read; one short sleep is about 1 ms
+  // when the program holds timeBeginPeriod(1), a whole timer tick otherwise.
+  ::Sleep(MaxMicros >= 1000 ? 1 : 0);
+}
+
+}  // namespace
+
+std::unique_ptr<SerialBackend> MakeSystemSerialBackend() {
+  return std::make_unique<Win32SerialBackend>();
+}
+
+}  // namespace palimbo

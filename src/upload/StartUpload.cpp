@@ -1,0 +1,131 @@
+#include "frames/link.h"
+#include "image/hex_file.h"
+#include "serial/comm.h"
+#include "upload/ccb_upload.h"
+#include "upload/direct_upload.h"
+#include "upload/upload.h"
+
+namespace palimbo {
+
+namespace {
+
+constexpr int32_t kDefaultPageSize = 256;
+constexpr int32_t kEntryCycles = 26;
+
+const char* const kNoResponseTitle = "Bootloader: No response";
+const char* const kNoResponseText =
+    "The bootloader did not respond while trying to enter it. Please check if the module is in "
+    "bootloader mode by looking at the display. If it is already in bootloader mode, you can "
+    "continue.\r\nContinue flashing firmware file?";
+
+// Lets the line settle after DTR: everything the module sends in this second is dropped.
+void SettlingDrain(JobContext& Ctx) {
+  std::string discarded;
+  const int64_t T0 = Ctx.GetTickCount();
+  while (T0 + 1000 > Ctx.GetTickCount()) {
+    Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, discarded);
+    Comm_warten_32(Ctx.Port(), Ctx.PortHandle, Ctx.IdleWaitMicros);
+  }
+}
+
+// The page size of an "O" answer; sizes the page loops cannot step by fall back to 256.
+int32_t PageSizeOf(JobContext& Ctx, const std::string& Reply) {
+  const int32_t size = static_cast<uint8_t>(Reply[1]) * 65536 +
+                       static_cast<uint8_t>(Reply[2]) * 256 + static_cast<uint8_t>(Reply[3]);
+  if (size == 0 || size >= 32768) {
+    Ctx.Log("Unsupported page size " + std::to_string(size) + " - using 256.");
+    return kDefaultPageSize;
+  }
+  return size;
+}
+
+enum class EntryResult { Direct, Ccb, Cancelled, Refused };
+
+// Polls with "i" until the bootloader answers "O" with its page size or "X" for the CCB
+// protocol, at most 26 cycles; then the operator decides.
+EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
+  std::string ReplyBuffer;
+  std::string Chunk;
+  for (int32_t EntryCycles = 0;;) {
+    Ctx.Sleep(200);
+    Ctx.PumpEvents();
+    if (Ctx.Cancel) {
+      Ctx.Cancel = false;
+      Ctx.Log("Operation cancelled.");
+      Comm_close_32(Ctx.Port(), Ctx.PortHandle);
+      return EntryResult::Cancelled;
+    }
+    Comm_schreiben_32(Ctx.Port(), Ctx.PortHandle, "i");
+    Ctx.Sleep(200);
+    Ctx.PumpEvents();
+    Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, Chunk);
+    // Only the echo at the head of a read is ours; an "i" further on is a stray byte.
+    if (!Chunk.empty() && Chunk[0] == 'i') Chunk.erase(0, 1);
+    ReplyBuffer += Chunk;
+    if (ReplyBuffer.find('X') != std::string::npos) return EntryResult::Ccb;
+    if (ReplyBuffer.size() > 3) {
+      if (ReplyBuffer[0] == 'O') {
+        PageSize = PageSizeOf(Ctx, ReplyBuffer);
+        return EntryResult::Direct;
+      }
+      ReplyBuffer.erase(0, 1);
+    }
+    Ctx.PumpEvents();
+    Ctx.SetProgress(EntryCycles, kEntryCycles, kColorBlue, "Entering bootloader mode..");
+    if (++EntryCycles >= kEntryCycles) break;
+  }
+  if (!Ctx.AskYesNo(kNoResponseTitle, kNoResponseText)) {
+    Ctx.Log("Failed to enter bootloader mode - ABORTING..");
+    Comm_close_32(Ctx.Port(), Ctx.PortHandle);
+    return EntryResult::Refused;
+  }
+  Ctx.Log("Failed to enter bootloader mode - TRYING ANYWAYS..");
+  PageSize = kDefaultPageSize;
+  return EntryResult::Direct;
+}
+
+}  // namespace
+
+UploadOutcome StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
+                          const std::string& ComPort) {
+  Ctx.Cancel = false;
+  const HexReadResult read = ReadHexFile(FirmwareFile, Ctx.IsEncrypted);
+  const std::string& FirmwareString = read.FirmwareString;
+  Ctx.Log("Firmware read from file. Length " + std::to_string(FirmwareString.size()) + " Bytes.");
+  // A module is never erased for a file that gives no image.
+  if (FirmwareString.empty()) {
+    Ctx.Log("Firmware file error: " + (read.Ok() ? std::string("no data records") : read.Reason));
+    return UploadOutcome::FileError;
+  }
+  Ctx.PortHandle = Comm_oeffnen_32(Ctx.Port(), ComPort + ":57600,N,8,1");
+  int32_t PageSize = kDefaultPageSize;
+  if (!IsPortOpen(Ctx.PortHandle)) return UploadOutcome::PortError;
+  EscapeCommFunction(Ctx.Port(), Ctx.PortHandle, SETDTR);
+  Ctx.Log(ComPort + " opened.");
+  SettlingDrain(Ctx);
+  Ctx.Log("Entering bootloader mode.");
+
+  switch (PollBootloader(Ctx, PageSize)) {
+    case EntryResult::Ccb:
+      return StartUpload_CCBProtocol(Ctx, FirmwareString);
+    case EntryResult::Cancelled:
+      return UploadOutcome::Cancelled;
+    case EntryResult::Refused:
+      return UploadOutcome::NoBootloader;
+    case EntryResult::Direct:
+      break;
+  }
+  // Answers to further polls that the module sent meanwhile are dropped here.
+  Ctx.PumpEvents();
+  Ctx.Sleep(500);
+  Ctx.PumpEvents();
+  std::string discarded;
+  Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, discarded);
+  Ctx.Log("Entered bootloader mode successfully.");
+
+  DirectUpload job{Ctx, FirmwareString, PageSize};
+  ProbeAndErase(job);
+  return VerifyAndReboot(job);
+}
+
+}  // namespace palimbo

@@ -1,0 +1,103 @@
+#include "frames/ccb_exchange.h"
+#include "frames/crc16.h"
+#include "frames/frame.h"
+#include "serial/comm.h"
+#include "upload/ccb_upload.h"
+#include "upload/hex_text.h"
+
+namespace palimbo {
+
+namespace {
+
+constexpr int32_t kBlockSize = 128;
+constexpr int16_t kWait = 1000;
+
+void RebootSequence(JobContext& Ctx, Link& Link) {
+  Ctx.SetProgress(0, 2, kColorRed, "Rebooting..");
+  Ctx.Sleep(500);
+  int32_t scratch = 0;
+  CCBSendCommandAndGetAnswer(Link, CCBReboot, "", kWait, scratch);
+  Ctx.SetProgress(1, 2, kColorBlue, "Rebooting..");
+  Ctx.Sleep(500);
+  Ctx.SetProgress(2, 2, kColorBlue, "Rebooting..");
+  Ctx.Sleep(200);
+}
+
+void ClosePort(JobContext& Ctx) {
+  Comm_close_32(Ctx.Port(), Ctx.PortHandle);
+  Ctx.SetProgress(0, 1, kColorBlue, "");
+}
+
+enum class TransferResult { Sent, Refused, Cancelled };
+
+TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& FirmwareString) {
+  const auto L = static_cast<int32_t>(FirmwareString.size());
+  for (int32_t BlockAddress = 0; BlockAddress < L; BlockAddress += kBlockSize) {
+    Ctx.SetProgress(BlockAddress + 1, L, kColorRed, "Programming chip..");
+    Ctx.Log("Programming page 0x" + HexText(BlockAddress) + " to 0x" +
+            HexText(BlockAddress + kBlockSize) + " ..");
+    const std::string Block = FirmwareString.substr(BlockAddress, kBlockSize);
+    if (Ctx.Cancel) {
+      Ctx.Cancel = false;
+      Ctx.Log("Operation cancelled.");
+      Comm_close_32(Ctx.Port(), Ctx.PortHandle);
+      return TransferResult::Cancelled;
+    }
+    int32_t scratch = 0;
+    // A block gets the ten tries of its exchange and no more: a refused block ends the upload.
+    if (!CCBSendCommandAndGetAnswer(Link, CCBBlock, BigEndian32(BlockAddress) + Block, kWait,
+                                    scratch)) {
+      Ctx.Log("Transfer failed.");
+      ClosePort(Ctx);
+      return TransferResult::Refused;
+    }
+    Ctx.Log("Transfer ok.");
+  }
+  return TransferResult::Sent;
+}
+
+}  // namespace
+
+UploadOutcome StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString) {
+  if (!IsPortOpen(Ctx.PortHandle)) return UploadOutcome::Failed;
+  Link link = Ctx.MakeLink();
+  EscapeCommFunction(Ctx.Port(), Ctx.PortHandle, SETDTR);
+  int32_t scratch = 0;
+  if (!CCBSendCommandAndGetAnswer(link, CCBEnter, "", kWait, scratch)) {
+    RebootSequence(Ctx, link);
+    ClosePort(Ctx);
+    return UploadOutcome::Failed;
+  }
+  Ctx.Log("Entered bootloader mode successfully.");
+
+  const std::string LengthField = BigEndian32(static_cast<uint32_t>(FirmwareString.size()));
+  int32_t AnswerCRC = 0;
+  for (;;) {
+    switch (SendBlocks(Ctx, link, FirmwareString)) {
+      case TransferResult::Cancelled:
+        return UploadOutcome::Cancelled;
+      case TransferResult::Refused:
+        return UploadOutcome::Failed;
+      case TransferResult::Sent:
+        break;
+    }
+    CCBSendCommandAndGetAnswer(link, CCBFinish, "", kWait, scratch);
+    Ctx.SetProgress(0, 2, kColorRed, "Checking chip content..");
+    const int32_t ImageCRC = Crc16Of(FirmwareString);
+    // A check without an answer starts the transfer over, silently.
+    if (CCBSendCommandAndGetAnswer(link, CCBCheck, LengthField, kWait, AnswerCRC)) {
+      if (ImageCRC == AnswerCRC) {
+        Ctx.Log("CRC test of application section confirms:");
+        Ctx.Log("UPLOAD SUCCESSFULLY COMPLETED.");
+        break;
+      }
+      Ctx.Log("CRC test of application section FAILED:");
+      Ctx.Log("UPLOAD FAILED. RESTARTING!");
+    }
+  }
+  RebootSequence(Ctx, link);
+  ClosePort(Ctx);
+  return UploadOutcome::Verified;
+}
+
+}  // namespace palimbo

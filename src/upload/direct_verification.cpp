@@ -1,0 +1,50 @@
+#include "frames/crc16.h"
+#include "frames/direct_exchange.h"
+#include "frames/frame.h"
+#include "serial/comm.h"
+#include "upload/direct_upload.h"
+
+namespace palimbo {
+
+UploadOutcome VerifyAndReboot(DirectUpload& Job) {
+  JobContext& Ctx = Job.Ctx;
+  Link link = Ctx.MakeLink();
+  bool UploadDone = false;
+  bool verified = false;
+  while (!UploadDone) {
+    if (!RunPagePass(Job)) return CancelExit(Ctx);
+    const std::string LengthField = BigEndian32(static_cast<uint32_t>(Job.FirmwareString.size()));
+    Ctx.SetProgress(0, 2, kColorRed, "Checking content..");
+    Ctx.PumpEvents();
+    if (SendCommandAndGetAnswer(link, kCmdCrc, LengthField, 2000, Job.Status)) {
+      // The module's CRC covers exactly the image, without the fill of the last page.
+      Job.PageCRC = Crc16Of(Job.FirmwareString);
+      if (Job.PageCRC == Job.Status) {
+        Ctx.Log("CRC test of application section confirms:");
+        Ctx.Log("UPLOAD SUCCESSFULLY COMPLETED.");
+        UploadDone = true;
+        verified = true;
+      } else {
+        Ctx.Log("CRC test of application section FAILED:");
+        Ctx.Log("UPLOAD FAILED. RESTARTING!");
+      }
+    } else {
+      Ctx.Log("Unable to retrieve checksum (not supported by bootloader)");
+      UploadDone = true;
+    }
+  }
+
+  Ctx.SetProgress(0, 2, kColorRed, "Rebooting..");
+  Ctx.Sleep(500);
+  int32_t scratch = 0;
+  SendCommandAndGetAnswer(link, kCmdReboot, "", 250, scratch);
+  Ctx.SetProgress(1, 2, kColorBlue, "Rebooting..");
+  Ctx.Sleep(500);
+  Ctx.SetProgress(2, 2, kColorBlue, "Rebooting..");
+  Ctx.Sleep(200);
+  Comm_close_32(Ctx.Port(), Ctx.PortHandle);
+  Ctx.SetProgress(0, 1, kColorBlue, "");
+  return verified ? UploadOutcome::Verified : UploadOutcome::Unverified;
+}
+
+}  // namespace palimbo

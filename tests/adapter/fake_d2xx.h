@@ -1,0 +1,33 @@
+// The test double of the vendor's D2XX library: a shared library with the five calls over a
+// device list that a test sets, plus counters of what the scan asked for.
+#pragma once
+
+extern "C" {
+
+struct FakeD2xxDevice {
+  const char* Description;
+  int NoNul;              // write the description without a closing NUL
+  int DescriptionFails;   // the description call fails for this index
+  int OpenExFails;
+  int OpenFails;
+  int NumberFails;        // FT_GetComPortNumber fails
+  long ComNumber;
+};
+
+enum { kFakeD2xxMaxDevices = 16 };
+
+struct FakeD2xxCounters {
+  int ListCalls;
+  int OpenEx[kFakeD2xxMaxDevices];  // by the index whose description was asked for
+  int Open[kFakeD2xxMaxDevices];
+  int Close;
+  int OpenHandles;                  // opened and not closed again
+  int BadCalls;                     // flags or arguments the library would refuse
+};
+
+// Replaces the device list and clears the counters. `ReportedCount` below 0 reports `Count`;
+// the count call returns `CountStatus`.
+void fake_d2xx_set_devices(const FakeD2xxDevice* Devices, int Count, long ReportedCount,
+                           unsigned long CountStatus);
+void fake_d2xx_get_counters(FakeD2xxCounters* Out);
+}
