@@ -9,7 +9,9 @@
 namespace palimbo {
 namespace {
 
-bool IsBlank(char C) { return C == ' ' || C == '\t'; }
+bool IsBlank(char C) {
+  return C == ' ' || C == '\t';
+}
 
 std::string_view Trim(std::string_view Text) {
   while (!Text.empty() && IsBlank(Text.front())) Text.remove_prefix(1);

@@ -39,9 +39,9 @@ struct BaudRate {
 };
 
 constexpr BaudRate kBaudRates[] = {
-    {50, B50},       {75, B75},       {110, B110},     {134, B134},     {150, B150},
-    {200, B200},     {300, B300},     {600, B600},     {1200, B1200},   {1800, B1800},
-    {2400, B2400},   {4800, B4800},   {9600, B9600},   {19200, B19200}, {38400, B38400},
+    {50, B50},           {75, B75},     {110, B110},   {134, B134},     {150, B150},
+    {200, B200},         {300, B300},   {600, B600},   {1200, B1200},   {1800, B1800},
+    {2400, B2400},       {4800, B4800}, {9600, B9600}, {19200, B19200}, {38400, B38400},
 #ifdef B57600
     {57600, B57600},
 #endif
@@ -152,7 +152,8 @@ bool ApplyLineSettings(const LineSettings& Wanted, termios& Tio) {
 // 8 bits without parity whatever it is told, which changes no byte that passes.
 bool RawModeTaken(const termios& Wanted, const termios& Got) {
   return (Got.c_iflag & kCookedInput) == 0 && (Got.c_oflag & OPOST) == 0 &&
-         (Got.c_lflag & kCookedLocal) == 0 && (Got.c_cflag & (CLOCAL | CREAD)) == (CLOCAL | CREAD) &&
+         (Got.c_lflag & kCookedLocal) == 0 &&
+         (Got.c_cflag & (CLOCAL | CREAD)) == (CLOCAL | CREAD) &&
          (Got.c_cflag & kHardwareFlow) == 0 && cfgetispeed(&Got) == cfgetispeed(&Wanted) &&
          cfgetospeed(&Got) == cfgetospeed(&Wanted);
 }
@@ -263,8 +264,7 @@ int32_t PosixSerialBackend::Write(int32_t Handle, const std::string& Data) {
     // This is an actual failure, such as an adapter pulled out or a line hung up.
     if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) break;
 
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) break;
     pollfd waitOut{Handle, POLLOUT, 0};
     ::poll(&waitOut, 1, static_cast<int>(left));

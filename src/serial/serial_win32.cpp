@@ -68,8 +68,8 @@ class Win32SerialBackend final : public SerialBackend {
 int32_t Win32SerialBackend::Open(const std::string& PortName, const std::string& LineSettings) {
   const std::string path = "\\\\.\\" + PortName;
   // Share mode 0: a port another program holds cannot be opened.
-  HANDLE port = ::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                              OPEN_EXISTING, 0, nullptr);
+  HANDLE port = ::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                              0, nullptr);
   if (port == INVALID_HANDLE_VALUE) {
     last_error_ = SystemMessage(::GetLastError());
     return -1;

@@ -11,9 +11,13 @@ int32_t TraceBackend::Open(const std::string& PortName, const std::string& LineS
   return inner_.Open(PortName, LineSettings);
 }
 
-std::string TraceBackend::LastOpenError() const { return inner_.LastOpenError(); }
+std::string TraceBackend::LastOpenError() const {
+  return inner_.LastOpenError();
+}
 
-int32_t TraceBackend::BytesWaiting(int32_t Handle) { return inner_.BytesWaiting(Handle); }
+int32_t TraceBackend::BytesWaiting(int32_t Handle) {
+  return inner_.BytesWaiting(Handle);
+}
 
 int16_t TraceBackend::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
   const int16_t status = inner_.Read(Handle, Count, Buffer);
@@ -28,9 +32,13 @@ int32_t TraceBackend::Write(int32_t Handle, const std::string& Data) {
   return written;
 }
 
-void TraceBackend::Close(int32_t Handle) { inner_.Close(Handle); }
+void TraceBackend::Close(int32_t Handle) {
+  inner_.Close(Handle);
+}
 
-void TraceBackend::RaiseDtr(int32_t Handle) { inner_.RaiseDtr(Handle); }
+void TraceBackend::RaiseDtr(int32_t Handle) {
+  inner_.RaiseDtr(Handle);
+}
 
 void TraceBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
   inner_.WaitForInput(Handle, MaxMicros);

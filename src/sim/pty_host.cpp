@@ -93,20 +93,22 @@ void PtyHost::Stop() {
 void PtyHost::Serve() {
   std::deque<Emission> due;  // answers not yet on the line, in the module's order
   std::string line;          // answer bytes due and not yet taken by the terminal
-  int64_t lineFreeUs = 0;    // with pacing: when the last answer has left the wire
+  int64_t lineFreeUs = 0;    // with pacing: when the last answer has crossed the wire
   std::vector<Emission> out;
   std::vector<char> buffer(4096);
   bool toolGone = false;  // the terminal side was closed and not opened again yet
 
+  // An answer is due at its time, or with pacing when its last byte would have crossed the wire.
+  auto dueAt = [&](const Emission& e) {
+    if (options_.PaceBaud <= 0) return e.AtMicros;
+    const auto wireUs = static_cast<int64_t>(e.Bytes.size()) * 10'000'000 / options_.PaceBaud;
+    return std::max(e.AtMicros, lineFreeUs) + wireUs;
+  };
+
   for (;;) {
     int64_t now = MonotonicMicros();
-    while (!due.empty()) {
-      const int64_t start = std::max(due.front().AtMicros, lineFreeUs);
-      if (start > now) break;
-      if (options_.PaceBaud > 0) {
-        const auto bytes = static_cast<int64_t>(due.front().Bytes.size());
-        lineFreeUs = start + bytes * 10'000'000 / options_.PaceBaud;
-      }
+    while (!due.empty() && dueAt(due.front()) <= now) {
+      lineFreeUs = dueAt(due.front());
       line += due.front().Bytes;
       due.pop_front();
     }
@@ -117,10 +119,7 @@ void PtyHost::Serve() {
     }
 
     int64_t waitUs = kIdleWaitMicros;
-    if (!due.empty()) {
-      waitUs = std::max(due.front().AtMicros, lineFreeUs) - now;
-      waitUs = std::clamp<int64_t>(waitUs, 0, kIdleWaitMicros);
-    }
+    if (!due.empty()) waitUs = std::clamp<int64_t>(dueAt(due.front()) - now, 0, kIdleWaitMicros);
     const timespec timeout{static_cast<time_t>(waitUs / 1'000'000),
                            static_cast<long>(waitUs % 1'000'000 * 1000)};
     pollfd fds[2] = {

@@ -11,8 +11,8 @@ namespace palimbo::sim {
 
 /// How the host puts the module's answers on the line.
 struct PtyHostOptions {
-  /// Spaces the answers out to the wire time of this baud rate (10 bits a byte); 0 writes
-  /// each answer at once when it is due.
+  /// Each answer reaches the terminal when its last byte would have crossed a line of this
+  /// baud rate (10 bits a byte), one answer after the other; 0 writes it at once when due.
   int32_t PaceBaud = 0;
 };
 

@@ -7,6 +7,7 @@
 
 namespace {
 
+constexpr size_t kBufferSize = 100;
 constexpr unsigned long kOk = 0;
 constexpr unsigned long kInvalidHandle = 1;
 constexpr unsigned long kDeviceNotFound = 2;
@@ -19,6 +20,7 @@ struct State {
   long reportedCount = 0;
   unsigned long countStatus = kOk;
   FakeD2xxCounters counters{};
+  bool open[kFakeD2xxMaxDevices] = {};
 };
 
 // A vendor library keeps its devices in process-wide state, and so does its stand-in.
@@ -29,16 +31,24 @@ State& TheState() {
 
 void* HandleOf(size_t Index) { return reinterpret_cast<void*>(Index + 1); }
 
+// The device of a handle that is open; any other handle is a caller's fault.
 bool IndexOf(void* Handle, size_t* Index) {
+  State& s = TheState();
   const auto value = reinterpret_cast<uintptr_t>(Handle);
-  if (value == 0 || value > TheState().devices.size()) return false;
+  if (value == 0 || value > s.devices.size() || !s.open[value - 1]) {
+    ++s.counters.BadCalls;
+    return false;
+  }
   *Index = value - 1;
   return true;
 }
 
 unsigned long Opened(size_t Index, void** Handle) {
+  State& s = TheState();
+  if (s.open[Index]) return kDeviceNotOpened;
+  s.open[Index] = true;
+  ++s.counters.OpenHandles;
   *Handle = HandleOf(Index);
-  ++TheState().counters.OpenHandles;
   return kOk;
 }
 
@@ -49,12 +59,13 @@ extern "C" {
 void fake_d2xx_set_devices(const FakeD2xxDevice* Devices, int Count, long ReportedCount,
                            unsigned long CountStatus) {
   State& s = TheState();
-  s.devices.assign(Devices, Devices + Count);
+  s.devices.assign(Devices, Devices + (Count < kFakeD2xxMaxDevices ? Count : kFakeD2xxMaxDevices));
   s.descriptions.clear();
   for (const auto& device : s.devices) s.descriptions.emplace_back(device.Description);
   s.reportedCount = ReportedCount < 0 ? Count : ReportedCount;
   s.countStatus = CountStatus;
   s.counters = FakeD2xxCounters{};
+  for (bool& open : s.open) open = false;
 }
 
 void fake_d2xx_get_counters(FakeD2xxCounters* Out) { *Out = TheState().counters; }
@@ -73,8 +84,9 @@ unsigned long FT_ListDevices(void* Arg1, void* Arg2, unsigned long Flags) {
   const auto index = reinterpret_cast<uintptr_t>(Arg1);
   if (index >= s.devices.size() || s.devices[index].DescriptionFails) return kDeviceNotFound;
   const std::string& text = s.descriptions[index];
-  std::memcpy(Arg2, text.data(), text.size());
-  if (!s.devices[index].NoNul) static_cast<char*>(Arg2)[text.size()] = '\0';
+  const size_t written = text.size() < kBufferSize ? text.size() : kBufferSize;
+  std::memcpy(Arg2, text.data(), written);
+  if (!s.devices[index].NoNul && written < kBufferSize) static_cast<char*>(Arg2)[written] = '\0';
   return kOk;
 }
 
@@ -113,6 +125,7 @@ unsigned long FT_GetComPortNumber(void* Handle, long* ComPortNumber) {
 unsigned long FT_Close(void* Handle) {
   size_t index = 0;
   if (!IndexOf(Handle, &index)) return kInvalidHandle;
+  TheState().open[index] = false;
   ++TheState().counters.Close;
   --TheState().counters.OpenHandles;
   return kOk;

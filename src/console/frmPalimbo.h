@@ -1,0 +1,143 @@
+#pragma once
+
+#include <QLocale>
+#include <QString>
+#include <QWidget>
+#include <cstdint>
+#include <memory>
+
+#include "upload/job_context.h"
+
+class QCheckBox;
+class QComboBox;
+class QGroupBox;
+class QLabel;
+class QLineEdit;
+class QListWidget;
+class QMenu;
+class QPushButton;
+class QRadioButton;
+class QSettings;
+class QTimer;
+
+namespace palimbo {
+
+class AdapterScanner;
+class MessageBoxes;
+class ProgressSurface;
+
+/// The application title: the settings store's name and the cancel question's title.
+inline constexpr char kAppTitle[] = "Palimbo v1";
+
+/// Captions of the two start buttons; the caption of `cmdStart` tells whether a job runs.
+inline constexpr char kStartCaption[] = "START";
+inline constexpr char kCancelCaption[] = "CANCEL";
+inline constexpr char kStartIn10Caption[] = "START IN 10 SEC";
+
+/// What the window works with besides its own controls. The creator keeps each part alive for
+/// as long as the window lives.
+struct ConsoleServices {
+  palimbo::AdapterScanner& Scanner;  ///< finds the controller's adapter for the automatic mode
+  palimbo::SerialBackend& Port;      ///< the serial ports the upload opens
+  palimbo::Clock& Clock;             ///< the upload's clock and the count's sleep
+  QSettings& Settings;               ///< the store of "Port" and "File", section "Settings"
+  palimbo::MessageBoxes& Boxes;      ///< every modal box the window shows
+};
+
+/// The system's time format with seconds and without a time zone, for the status list's stamp.
+QString LogTimeFormat(const QLocale& Locale);
+
+/// The main window: the operator's four steps, the manuals, and the upload job inside it.
+///
+/// The upload runs inside the click handler of `cmdStart` on this thread; its waits pump
+/// events, so the timer, the buttons and the close box run as nested handlers meanwhile.
+class frmPalimbo final : public QWidget {
+  Q_OBJECT
+
+ public:
+  explicit frmPalimbo(ConsoleServices Services, QWidget* Parent = nullptr);
+  ~frmPalimbo() override;
+
+  /// The members the window shares with the upload job (`Cancel`, `QUnload`, `IsEncrypted`,
+  /// `PortHandle`).
+  JobContext& Job() { return *job_; }
+  /// True while `StartUpload` has not returned, also after a confirmed cancel.
+  bool UploadRunning() const { return upload_running_; }
+
+  /// Adds a time-stamped line to `lstStatus`; the selection follows it when it stood on the
+  /// last line or nowhere. Pumps no events.
+  void Log(const QString& Text);
+  /// Repaints `pctProgress` to `Val` / `Max` of its width in `Color` (0xBBGGRR) with `Text`
+  /// in its middle, then pumps events.
+  void SetProgress(int32_t Val, int32_t Max, uint32_t Color, const QString& Text);
+
+  void Form_Load();
+  void cmbComPort_Change();
+  void cmbComPort_Click();
+  void txtFirmwareFile_Change();
+  void optAutomatic_Click();
+  void optSelectManually_Click();
+  void TimerRefreshPort_Timer();
+  void cmdStart_Click();
+  void cmdStartIn10_Click();
+  /// Sets `Cancel` to a value other than 0 to refuse the close.
+  void Form_QueryUnload(int& Cancel, int UnloadMode);
+  void Form_Unload(int& Cancel);
+  void cmdBrowse_Click();
+  void cmdEnglishManual_Click();
+  void cmdGermanManual_Click();
+
+  /// All lines of the status list, one a line.
+  QString LogText() const;
+  /// Puts the whole status list on the clipboard.
+  void CopyLog();
+  /// Asks for a file and writes the status list into it.
+  void SaveLogAs();
+
+ protected:
+  void closeEvent(QCloseEvent* Event) override;
+  void dragEnterEvent(QDragEnterEvent* Event) override;
+  void dropEvent(QDropEvent* Event) override;
+
+ private:
+  class JobBridge;
+
+  void BuildControls();
+  void ConnectHandlers();
+  QString ReadSetting(const QString& Key, const QString& Default) const;
+  void SaveSetting(const QString& Key, const QString& Text);
+  void ShowStatusMenu(const QPoint& Position);
+
+  ConsoleServices services_;
+  std::unique_ptr<JobBridge> bridge_;
+  std::unique_ptr<JobContext> job_;
+  bool upload_running_ = false;
+  bool unloaded_ = false;
+
+  QGroupBox* Frame1 = nullptr;
+  QLabel* Label1 = nullptr;
+  QComboBox* cmbComPort = nullptr;
+  QLabel* Label2 = nullptr;
+  QLabel* Label3 = nullptr;
+  QLabel* Label4 = nullptr;
+  QLineEdit* txtFirmwareFile = nullptr;
+  QPushButton* cmdBrowse = nullptr;
+  QLabel* Label5 = nullptr;
+  QPushButton* cmdStart = nullptr;
+  QLabel* Label6 = nullptr;
+  QLabel* Label7 = nullptr;
+  QListWidget* lstStatus = nullptr;
+  ProgressSurface* pctProgress = nullptr;
+  QPushButton* cmdStartIn10 = nullptr;
+  QRadioButton* optSelectManually = nullptr;
+  QRadioButton* optAutomatic = nullptr;
+  QLabel* lblDetectedDevice = nullptr;
+  QLabel* Label8 = nullptr;
+  QLabel* Label9 = nullptr;
+  QPushButton* cmdEnglishManual = nullptr;
+  QPushButton* cmdGermanManual = nullptr;
+  QTimer* TimerRefreshPort = nullptr;
+  QMenu* mnuStatus = nullptr;
+};
+
+}  // namespace palimbo

@@ -1,0 +1,26 @@
+#include <QCollator>
+#include <QDir>
+#include <algorithm>
+
+#include "console/serial_ports.h"
+
+namespace palimbo {
+
+QStringList ListSerialPorts() { return ListSerialPortsIn(QStringLiteral("/dev")); }
+
+QStringList ListSerialPortsIn(const QString& DeviceFolder) {
+  const QDir Folder(DeviceFolder);
+  QCollator Numeric;
+  Numeric.setNumericMode(true);
+  QStringList Ports;
+  // USB adapters first, since a controller hangs on one of those; built-in ports last.
+  for (const char* Pattern : {"ttyUSB*", "ttyACM*", "ttyS*"}) {
+    QStringList Names = Folder.entryList({QString::fromLatin1(Pattern)},
+                                         QDir::System | QDir::Files | QDir::NoDotAndDotDot);
+    std::sort(Names.begin(), Names.end(), Numeric);
+    for (const QString& Name : Names) Ports << Folder.absoluteFilePath(Name);
+  }
+  return Ports;
+}
+
+}  // namespace palimbo
