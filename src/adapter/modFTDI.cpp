@@ -53,7 +53,7 @@ int32_t modFTDI::ScanForAdapter() {
     FT_STATUS status = library_->FT_OpenEx(const_cast<char*>(description.c_str()),
                                            FT_OPEN_BY_DESCRIPTION, &adapterHandle);
     if (status != FT_OK && index <= kLastOpenByNumberIndex) {
-      status = library_->FT_Open(static_cast<int>(index), \&adapterHandle);
+      status = library_->FT_Open(static_cast<int>(index), &adapterHandle);
     }
     if (status != FT_OK) continue;
 

@@ -29,7 +29,7 @@ std::optional<std::string> UsbProductOf(const fs::path& Top, const fs::path& Tty
       std::getline(product, text);
       return text;
     }
-    dir = dir.parent_path();
+    break;
   }
   return std::nullopt;
 }

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "frames/ccb_exchange.h"
+#include "frames/crc16.h"
 #include "frames/direct_exchange.h"
 #include "sim/sim_line.h"
 #include "sim/virtual_clock.h"
@@ -28,16 +29,20 @@ std::string Hex(std::string_view Bytes) {
   return out;
 }
 
-std::string Direct(const std::string& Payload) { return SimulatedModule::EncodeFrame(0x55, Payload); }
-std::string Ccb(const std::string& Payload) { return SimulatedModule::EncodeFrame(0x53, Payload); }
+std::string Direct(const std::string& Payload) {
+  return SimulatedModule::EncodeFrame(0x55, Payload);
+}
+std::string Ccb(const std::string& Payload) {
+  return SimulatedModule::EncodeFrame(0x53, Payload);
+}
 
-// Feeds a module chunk by chunk, 100 ms apart, and collects what each chunk brought back.
+// Feeds a module chunk by chunk, 200 ms apart, and collects what each chunk brought back.
 struct Bench {
   explicit Bench(ModuleSettings Settings = {}) : Module(std::move(Settings)) {}
   std::string Send(std::string_view Bytes) {
     Out.clear();
     Module.Receive(Bytes, Now, Out);
-    Now += 100'000;
+    Now += 200'000;
     std::string all;
     for (const auto& e : Out) all += e.Bytes;
     return all;
@@ -73,11 +78,16 @@ TEST(SimulatedModuleTest, EntryAnswersFollowTheSettings) {
     std::vector<std::string> PerPoll;
   } rows[] = {
       {"plain", [](ModuleSettings&) {}, {o256, o256}},
-      {"24-bit page size", [](ModuleSettings& s) { s.PageSize = 0x012345; }, {B({'O', 1, 0x23, 0x45})}},
+      {"24-bit page size",
+       [](ModuleSettings& s) { s.PageSize = 0x012345; },
+       {B({'O', 1, 0x23, 0x45})}},
       {"echo", [](ModuleSettings& s) { s.EchoPoll = true; }, {"i" + o256, "i" + o256}},
       {"after 2 polls", [](ModuleSettings& s) { s.AnswerAfterPolls = 2; }, {"", "", o256, o256}},
-      {"stray once", [](ModuleSettings& s) { s.StrayBytes = "\x11\x22"; }, {"\x11\x22" + o256, o256}},
-      {"2 pieces", [](ModuleSettings& s) { s.AnswerPieces = 2; },
+      {"stray once",
+       [](ModuleSettings& s) { s.StrayBytes = "\x11\x22"; },
+       {"\x11\x22" + o256, o256}},
+      {"2 pieces",
+       [](ModuleSettings& s) { s.AnswerPieces = 2; },
        {B({'O', 0}), B({1, 0}), B({'O', 0}), B({1, 0})}},
       {"3 pieces", [](ModuleSettings& s) { s.AnswerPieces = 3; }, {"O", B({0}), B({1, 0}), "O"}},
       {"everything",
@@ -87,7 +97,9 @@ TEST(SimulatedModuleTest, EntryAnswersFollowTheSettings) {
        {"", "ixO", "i" + B({0}), "i" + B({1}), "i" + B({0}), "iO"}},
       {"ccb", [](ModuleSettings& s) { s.Protocol = BootProtocol::Ccb; }, {"X", "X"}},
       {"ccb echo pieces",
-       [](ModuleSettings& s) { s.Protocol = BootProtocol::Ccb, s.EchoPoll = true, s.AnswerPieces = 3; },
+       [](ModuleSettings& s) {
+         s.Protocol = BootProtocol::Ccb, s.EchoPoll = true, s.AnswerPieces = 3;
+       },
        {"iX", "iX"}},
       {"silent", [](ModuleSettings& s) { s.Silent = true, s.EchoPoll = true; }, {"", "", ""}},
   };
@@ -111,8 +123,8 @@ TEST(SimulatedModuleTest, EntryTimingAndIgnoredBytes) {
   EXPECT_EQ(bench.Send("Ioxa\r\n"), "");
   EXPECT_EQ(bench.Send("iii").size(), 15u);
   ASSERT_EQ(bench.Out.size(), 6u);
-  EXPECT_EQ(bench.Out[0].AtMicros, 1'100'000);  // the echo goes back at once
-  EXPECT_EQ(bench.Out[1].AtMicros, 1'102'500);
+  EXPECT_EQ(bench.Out[0].AtMicros, 1'200'000);  // the echo goes back at once
+  EXPECT_EQ(bench.Out[1].AtMicros, 1'202'500);
   for (size_t i = 1; i < bench.Out.size(); ++i) {
     EXPECT_GE(bench.Out[i].AtMicros, bench.Out[i - 1].AtMicros) << "answers overtook each other";
   }
@@ -143,8 +155,8 @@ TEST(SimulatedModuleTest, DirectCommandsGetTheirAnswers) {
   } rows[] = {
       {"crc of erased 256", [](ModuleSettings&) {}, Direct(B({'C', 0, 0, 1, 0})),
        B({0x55, 5, 0x52, 0x43, 1, 0x34, 0xB5, 0xCA, 0x86})},
-      {"no crc support", [](ModuleSettings& s) { s.SupportsCrc = false; }, Direct(B({'C', 0, 0, 1, 0})),
-       B({0x55, 3, 0x52, 0x43, 0, 0xE0, 0x37})},
+      {"no crc support", [](ModuleSettings& s) { s.SupportsCrc = false; },
+       Direct(B({'C', 0, 0, 1, 0})), B({0x55, 3, 0x52, 0x43, 0, 0xE0, 0x37})},
       {"crc past the flash", [](ModuleSettings& s) { s.FlashSize = 256; },
        Direct(B({'C', 0, 0, 1, 1})), B({0x55, 3, 0x52, 0x43, 0, 0xE0, 0x37})},
       {"erase", [](ModuleSettings&) {}, Direct("E"), B({0x55, 3, 0x52, 0x45, 1, 0x06, 0x65})},
@@ -217,7 +229,8 @@ TEST(SimulatedModuleTest, CcbUploadOf130Bytes) {
       {Ccb(B({0x8B, 0, 0, 0, 0}) + image.substr(0, 128)), B({0x53, 2, 0x8C, 0x8B, 0x4A, 0xBD})},
       {Ccb(B({0x8B, 0, 0, 0, 0x80}) + image.substr(128)), B({0x53, 2, 0x8C, 0x8B, 0x4A, 0xBD})},
       {B({0x53, 1, 0x8E, 0x37, 0x2A}), B({0x53, 2, 0x8C, 0x8E, 0x6B, 0x89})},
-      {B({0x53, 5, 0x8F, 0, 0, 0, 0x82, 0x9D, 0xD2}), B({0x53, 4, 0x8C, 0x8F, 0xA4, 0xFB, 0x8C, 0xBE})},
+      {B({0x53, 5, 0x8F, 0, 0, 0, 0x82, 0x9D, 0xD2}),
+       B({0x53, 4, 0x8C, 0x8F, 0xA4, 0xFB, 0x8C, 0xBE})},
       {B({0x53, 1, 0x8D, 0xD8, 0x27}), B({0x53, 2, 0x8C, 0x8D, 0x84, 0x84})},
   };
   ModuleSettings settings;
@@ -239,14 +252,17 @@ TEST(SimulatedModuleTest, CcbSettingsWithholdAnswers) {
     std::string Request;
     bool Answered;
   } rows[] = {
-      {"enter refused", [](ModuleSettings& s) { s.AnswerEnter = false; }, Ccb(B({kCcbEnter})), false},
-      {"finish silent", [](ModuleSettings& s) { s.AnswerFinish = false; }, Ccb(B({kCcbFinish})), false},
-      {"reboot silent", [](ModuleSettings& s) { s.AnswerReboot = false; }, Ccb(B({kCcbReboot})), false},
+      {"enter refused", [](ModuleSettings& s) { s.AnswerEnter = false; }, Ccb(B({kCcbEnter})),
+       false},
+      {"finish silent", [](ModuleSettings& s) { s.AnswerFinish = false; }, Ccb(B({kCcbFinish})),
+       false},
+      {"reboot silent", [](ModuleSettings& s) { s.AnswerReboot = false; }, Ccb(B({kCcbReboot})),
+       false},
       {"block 1 refused", [](ModuleSettings& s) { s.RefuseBlock = 1; }, block1, false},
       {"block 2 refused", [](ModuleSettings& s) { s.RefuseBlock = 2; }, block1, true},
       {"empty block", [](ModuleSettings&) {}, Ccb(B({0x8B, 0, 0, 0, 0})), false},
       {"unknown", [](ModuleSettings&) {}, Ccb(B({0x90})), false},
-      {"check past the flash", [](ModuleSettings& s) { s.FlashSize = 100; }, check, false},
+      {"check past the flash", [](ModuleSettings& s) { s.FlashSize = 129; }, check, false},
   };
   for (const auto& row : rows) {
     ModuleSettings settings;
@@ -260,7 +276,7 @@ TEST(SimulatedModuleTest, CcbSettingsWithholdAnswers) {
   four.Protocol = BootProtocol::Ccb;
   four.CheckBytes = 4;
   Bench bench(four);
-  EXPECT_EQ(Hex(bench.Send(check)), Hex(Ccb(B({0x8C, 0x8F, 0, 0, 0x9E, 0x2D}))));
+  EXPECT_EQ(Hex(bench.Send(check)), Hex(Ccb(B({0x8C, 0x8F, 0, 0, 0xF8, 0xC9}))));
 }
 
 TEST(SimulatedModuleTest, FaultsDoWhatTheySay) {
@@ -306,7 +322,7 @@ TEST(SimulatedModuleTest, FaultsDoWhatTheySay) {
   lateBench.Send(e);
   ASSERT_EQ(lateBench.Out.size(), 1u);
   EXPECT_EQ(lateBench.Out[0].AtMicros, 1'000'000 + 10'000 + 300'000);
-  lateBench.Send(e);  // heard 100 ms later, but cannot overtake the late answer
+  lateBench.Send(e);  // heard 200 ms later, but cannot overtake the late answer
   EXPECT_EQ(lateBench.Out[0].AtMicros, 1'310'000);
 }
 
@@ -319,8 +335,10 @@ TEST(SimulatedModuleTest, BadWriteSpoilsOnePageAndReportsIt) {
     const std::string part(128, 'q');
     bench.Send(Direct("F" + B({0, 0}) + part));
     const std::string request = Direct(B({command, 0, 0, 0, 0}));
+    std::string spoiled = part;
+    spoiled[0] = static_cast<char>(~'q');
     const int32_t good = Crc16Of(part);
-    const int32_t bad = Crc16Of(bench.Module.Flash().substr(0, 0) + "\x8E" + part.substr(1));
+    const int32_t bad = Crc16Of(spoiled);
     EXPECT_EQ(bench.Send(request), Direct(B({'R', command, 1, bad >> 8, bad & 0xFF})));
     EXPECT_NE(bench.Module.Flash().substr(0, 128), part);
     EXPECT_EQ(bench.Send(request), Direct(B({'R', command, 1, good >> 8, good & 0xFF})));
@@ -331,7 +349,9 @@ TEST(SimulatedModuleTest, BadWriteSpoilsOnePageAndReportsIt) {
   ccb.Faults = {{FaultKind::BadWrite, kCcbBlock, 1}};
   Bench bench(ccb);
   EXPECT_EQ(bench.Send(Ccb(B({0x8B, 0, 0, 0, 0}) + "ab")), Ccb(B({0x8C, 0x8B})));
-  EXPECT_EQ(bench.Module.Flash().substr(0, 2), "\x9E" "b");
+  EXPECT_EQ(bench.Module.Flash().substr(0, 2),
+            "\x9E"
+            "b");
 }
 
 TEST(SimulatedModuleTest, ParserResynchronises) {
@@ -341,16 +361,22 @@ TEST(SimulatedModuleTest, ParserResynchronises) {
   const std::string ePos = Direct(B({'R', 'E', 1}));
   const struct {
     const char* Name;
-    std::vector<std::string> Chunks;  // 100 ms apart
+    std::vector<std::string> Chunks;  // 200 ms apart
     std::string Answers;
     int Erases;
   } rows[] = {
       {"garbage in front", {"\xAA\x00\x13" + e}, ePos, 1},
-      {"bad crc then good frame", {badCrc + Direct(B({'C', 0, 0, 0, 1}))}, Direct(B({'R', 'C', 1, 0x00, 0xFF})), 0},
+      {"bad crc then good frame",
+       {badCrc + Direct(B({'C', 0, 0, 0, 1}))},
+       Direct(B({'R', 'C', 1, 0x00, 0xFF})),
+       0},
       {"false start swallows a frame head", {"\x55\x03" + e}, ePos, 1},
-      {"one byte at a time", {e.substr(0, 1), e.substr(1, 1), e.substr(2, 1), e.substr(3, 1), e.substr(4)}, ePos, 1},
+      {"one byte at a time",
+       {e.substr(0, 1), e.substr(1, 1), e.substr(2, 1), e.substr(3, 1), e.substr(4)},
+       ePos,
+       1},
       {"half frame, then silence", {"\x55\x40\x01", e}, ePos, 1},
-      {"empty frame", {B({0x55, 0, 0x1E, 0xF0}) + e}, ePos, 1},
+      {"empty frame", {B({0x55, 0, 0x36, 0xA9}) + e}, ePos, 1},
   };
   for (const auto& row : rows) {
     Bench bench;

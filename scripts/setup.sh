@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs what is missing on a fresh Debian machine, then configures and builds.
+# Usage: scripts/setup.sh [BUILD_DIR] [TARGET...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(cmake ninja-build g++ python3 libgtest-dev libgmock-dev libbenchmark-dev qt6-base-dev)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "Installing: ${missing[*]}" >&2
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+fi
+
+build=${1:-build}
+shift || true
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo ${PALIMBO_CMAKE_ARGS:-} >&2
+cmake --build "$build" -j2 ${1:+--target "$@"} >&2
