@@ -60,6 +60,8 @@ FT_STATUS Library::FT_Open(int DeviceNumber, FT_HANDLE* Handle) const {
 FT_STATUS Library::FT_GetComPortNumber(FT_HANDLE Handle, LONG* ComPortNumber) const {
   return bound_->getComPortNumber(Handle, ComPortNumber);
 }
-FT_STATUS Library::FT_Close(FT_HANDLE Handle) const { return bound_->close(Handle); }
+FT_STATUS Library::FT_Close(FT_HANDLE Handle) const {
+  return bound_->close(Handle);
+}
 
 }  // namespace palimbo::d2xx

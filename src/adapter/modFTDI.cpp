@@ -17,7 +17,9 @@ constexpr int64_t kLastWalkableIndex = INT16_MAX;
 // Indexes that get the second open attempt by number.
 constexpr int kLastOpenByNumberIndex = 8;
 
-void* IndexArgument(int64_t Index) { return reinterpret_cast<void*>(static_cast<uintptr_t>(Index)); }
+void* IndexArgument(int64_t Index) {
+  return reinterpret_cast<void*>(static_cast<uintptr_t>(Index));
+}
 
 }  // namespace
 

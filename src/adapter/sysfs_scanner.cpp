@@ -29,7 +29,7 @@ std::optional<std::string> UsbProductOf(const fs::path& Top, const fs::path& Tty
       std::getline(product, text);
       return text;
     }
-    break;
+    dir = dir.parent_path();
   }
   return std::nullopt;
 }

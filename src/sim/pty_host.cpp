@@ -151,7 +151,7 @@ void PtyHost::Serve() {
     // bytes already in the terminal must not greet the next tool that opens it.
     due.clear();
     line.clear();
-    if (!toolGone) tcflush(master_fd_, TCIOFLUSH);
+    if (!toolGone) tcflush(master_fd_, TCOFLUSH);
     toolGone = true;
     pollfd wakeOnly{wake_fd_, POLLIN, 0};
     if (poll(&wakeOnly, 1, kHangupNapMillis) > 0) break;

@@ -51,7 +51,8 @@ void SimLine::Sync() {
   std::vector<Emission> out;
   while (NextEventMicros() <= now) {
     const bool moduleFirst =
-        !to_module_.empty() && (to_tool_.empty() || to_module_.front().AtMicros <= to_tool_.front().AtMicros);
+        !to_module_.empty() &&
+        (to_tool_.empty() || to_module_.front().AtMicros <= to_tool_.front().AtMicros);
     if (moduleFirst) {
       Chunk chunk = std::move(to_module_.front());
       to_module_.pop_front();
@@ -84,8 +85,8 @@ int16_t SimLine::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
 int32_t SimLine::Write(int32_t Handle, const std::string& Data) {
   if (!Valid(Handle)) return 0;
   Sync();
-  const auto count = static_cast<int32_t>(
-      std::max<int64_t>(0, static_cast<int64_t>(Data.size()) - shorten_by_));
+  const auto count =
+      static_cast<int32_t>(std::max<int64_t>(0, static_cast<int64_t>(Data.size()) - shorten_by_));
   if (count == 0) return 0;
   const int64_t now = clock_.NowMicros();
   written_.push_back({now, Data.substr(0, count)});

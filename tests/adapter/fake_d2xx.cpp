@@ -29,7 +29,9 @@ State& TheState() {
   return state;
 }
 
-void* HandleOf(size_t Index) { return reinterpret_cast<void*>(Index + 1); }
+void* HandleOf(size_t Index) {
+  return reinterpret_cast<void*>(Index + 1);
+}
 
 // The device of a handle that is open; any other handle is a caller's fault.
 bool IndexOf(void* Handle, size_t* Index) {
@@ -68,7 +70,9 @@ void fake_d2xx_set_devices(const FakeD2xxDevice* Devices, int Count, long Report
   for (bool& open : s.open) open = false;
 }
 
-void fake_d2xx_get_counters(FakeD2xxCounters* Out) { *Out = TheState().counters; }
+void fake_d2xx_get_counters(FakeD2xxCounters* Out) {
+  *Out = TheState().counters;
+}
 
 unsigned long FT_ListDevices(void* Arg1, void* Arg2, unsigned long Flags) {
   State& s = TheState();

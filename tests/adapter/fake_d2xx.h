@@ -10,7 +10,7 @@ struct FakeD2xxDevice {
   int DescriptionFails = 0;  // the description call fails for this index
   int OpenExFails = 0;
   int OpenFails = 0;
-  int NumberFails = 0;       // FT_GetComPortNumber fails
+  int NumberFails = 0;  // FT_GetComPortNumber fails
   long ComNumber = 0;
 };
 
@@ -21,8 +21,8 @@ struct FakeD2xxCounters {
   int OpenEx[kFakeD2xxMaxDevices];  // by the index whose description was asked for
   int Open[kFakeD2xxMaxDevices];
   int Close;
-  int OpenHandles;                  // opened and not closed again
-  int BadCalls;                     // flags or arguments the library would refuse
+  int OpenHandles;  // opened and not closed again
+  int BadCalls;     // flags or arguments the library would refuse
 };
 
 // Replaces the device list and clears the counters. `ReportedCount` below 0 reports `Count`;

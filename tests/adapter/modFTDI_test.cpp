@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fake_d2xx_control.h"
@@ -14,76 +15,56 @@ namespace palimbo {
 namespace {
 
 // The family string straddles byte 100, where the description is cut.
-const std::string kCutFamily = std::string(90, '-') + "KV KESTROLAR [1]";
+const std::string kCutFamily = std::string(90, '-') + "KV KESTROLAR 1";
+
+// A device of the double with what fails for it: 'n' no closing NUL behind the description,
+// 'd' the description call, 'e' FT_OpenEx, 'o' FT_Open, 'q' the number query.
+FakeD2xxDevice D(const char* Description, long ComNumber, std::string_view Fails = "") {
+  const auto has = [&](char c) { return Fails.find(c) != std::string_view::npos ? 1 : 0; };
+  return {Description, has('n'), has('d'), has('e'), has('o'), has('q'), ComNumber};
+}
 
 struct ScanCase {
   const char* Name;
   std::vector<FakeD2xxDevice> Devices;
   int32_t Number;
   std::string Description;
-  bool Missing;
-  std::vector<int> OpenEx;  // calls per index; indexes left out expect none
-  std::vector<int> Open;
+  std::string OpenEx;  // calls per index, one digit each; indexes left out expect none
+  std::string Open;
+  bool Missing = false;
   long ReportedCount = -1;
   unsigned long CountStatus = 0;
 };
 
-std::vector<FakeD2xxDevice> EightForeignThen(std::vector<FakeD2xxDevice> Tail) {
-  std::vector<FakeD2xxDevice> devices(8, FakeD2xxDevice{.Description = "USB Serial Converter"});
-  devices.insert(devices.end(), Tail.begin(), Tail.end());
-  return devices;
-}
+const FakeD2xxDevice kForeign = D("USB Serial Converter", 1);
+const std::string kUnterminated = "KV Kestrolar 1 " + std::string(85, ' ');
 
+// clang-format off
 const ScanCase kScanCases[] = {
-    {"NoAdapter", {}, 0, "", false, {}, {}},
-    {"CountCallFails", {{.Description = "KV KESTROLAR [1]", .ComNumber = 5}}, 0, "", false, {}, {},
-     -1, 4},
-    {"LowerCase", {{.Description = "kv kestrolar [a1]", .ComNumber = 5}}, 5, "kv kestrolar [a1]",
-     false, {1}, {}},
-    {"FamilyInTheMiddle", {{.Description = "Cable KV Mini-Kestrolar rev2", .ComNumber = 6}}, 6,
-     "Cable KV Mini-Kestrolar rev2", false, {1}, {}},
+    {"NoAdapter", {}, 0, "", "", ""},
+    {"CountCallFails", {D("KV KESTROLAR 1", 5)}, 0, "", "0", "0", false, -1, 4},
+    {"CountBeyondSixteenBits", {D("KV KESTROLAR 1", 5)}, 0, "", "0", "0", true, 40000},
+    {"LowerCase", {D("kv kestrolar a1", 5)}, 5, "kv kestrolar a1", "1", "0"},
+    {"FamilyInTheMiddle", {D("Cable KV Mini-Kestrolar 2", 6)}, 6, "Cable KV Mini-Kestrolar 2", "1", ""},
     {"ThreeModelsHighestIndexWins",
-     {{.Description = "KV MINI-KESTROLAR [1]", .ComNumber = 3},
-      {.Description = "KV KESTROLAR [2]", .ComNumber = 4},
-      {.Description = "KV PC-Kestrolar [3]", .ComNumber = 11}},
-     11, "KV PC-Kestrolar [3]", false, {1, 1, 1}, {}},
-    {"NoClosingBlank",
-     {{.Description = "KV KESTROLAR", .ComNumber = 5},
-      {.Description = "KV PC-KESTROLAR[2]", .ComNumber = 6}},
-     0, "", false, {0, 0}, {0, 0}},
-    {"ForeignProductNeverOpened",
-     {{.Description = "KV KESTROLAR [1]", .ComNumber = 5},
-      {.Description = "FT232R USB UART", .ComNumber = 7}},
-     5, "KV KESTROLAR [1]", false, {1, 0}, {0, 0}},
-    {"LaterAdapterCannotBeOpened",
-     {{.Description = "KV KESTROLAR [1]", .ComNumber = 3},
-      {.Description = "KV KESTROLAR [2]", .OpenExFails = 1, .OpenFails = 1, .ComNumber = 7}},
-     3, "KV KESTROLAR [1]", false, {1, 1}, {0, 1}},
-    {"OpenedByIndexWhenByDescriptionFails",
-     {{.Description = "KV KESTROLAR [1]", .OpenExFails = 1, .ComNumber = 4}}, 4,
-     "KV KESTROLAR [1]", false, {1}, {1}},
+     {D("KV MINI-KESTROLAR 1", 3), D("KV KESTROLAR 2", 4), D("KV PC-Kestrolar 3", 11)},
+     11, "KV PC-Kestrolar 3", "111", "000"},
+    {"NoClosingBlank", {D("KV KESTROLAR", 5), D("KV PC-KESTROLAR[2]", 6)}, 0, "", "00", "00"},
+    {"ForeignNeverOpened", {D("KV KESTROLAR 1", 5), D("FT232R USB UART", 7)}, 5, "KV KESTROLAR 1", "10", "00"},
+    {"LaterCannotBeOpened", {D("KV KESTROLAR 1", 3), D("KV KESTROLAR 2", 7, "eo")}, 3, "KV KESTROLAR 1", "11", "01"},
+    {"OpenedByIndex", {D("KV KESTROLAR 1", 4, "e")}, 4, "KV KESTROLAR 1", "1", "1"},
     {"NoOpenByIndexFromNine",
-     EightForeignThen({{.Description = "KV KESTROLAR [8]", .OpenExFails = 1, .ComNumber = 8},
-                      {.Description = "KV KESTROLAR [9]", .OpenExFails = 1, .ComNumber = 9}}),
-     8, "KV KESTROLAR [8]", false, {0, 0, 0, 0, 0, 0, 0, 0, 1, 1},
-     {0, 0, 0, 0, 0, 0, 0, 0, 1, 0}},
-    {"NumberQueryFails",
-     {{.Description = "KV KESTROLAR [1]", .ComNumber = 4},
-      {.Description = "KV KESTROLAR [2]", .NumberFails = 1, .ComNumber = 9}},
-     4, "KV KESTROLAR [1]", false, {1, 1}, {}},
-    {"NegativeNumberReplaces",
-     {{.Description = "KV KESTROLAR [1]", .ComNumber = 4},
-      {.Description = "KV KESTROLAR [2]", .ComNumber = -1}},
-     -1, "KV KESTROLAR [2]", false, {1, 1}, {}},
-    {"DescriptionCallFails", {{.Description = "KV KESTROLAR [1]", .DescriptionFails = 1}}, 0, "",
-     false, {0}, {0}},
-    {"BufferWithoutNulTakenWhole", {{.Description = "KV Kestrolar 1 ", .NoNul = 1, .ComNumber = 5}},
-     5, "KV Kestrolar 1 " + std::string(85, ' '), false, {0}, {1}},
-    {"FamilyCutAtByte100", {{.Description = kCutFamily.c_str(), .ComNumber = 5}}, 0, "", false,
-     {0}, {0}},
-    {"CountBeyondSixteenBits", {{.Description = "KV KESTROLAR [1]", .ComNumber = 5}}, 0, "", true,
-     {0}, {0}, 40000},
+     {kForeign, kForeign, kForeign, kForeign, kForeign, kForeign, kForeign, kForeign,
+      D("KV KESTROLAR 8", 8, "e"), D("KV KESTROLAR 9", 9, "e")},
+     8, "KV KESTROLAR 8", "0000000011", "0000000010"},
+    {"NumberQueryFails", {D("KV KESTROLAR 1", 4), D("KV KESTROLAR 2", 9, "q")}, 4, "KV KESTROLAR 1", "11", ""},
+    {"NegativeNumberReplaces", {D("KV KESTROLAR 1", 4), D("KV KESTROLAR 2", -1)}, -1, "KV KESTROLAR 2", "11", ""},
+    {"DescriptionCallFails", {D("KV KESTROLAR 1", 5, "d")}, 0, "", "0", "0"},
+    // Opening by this text fails, as no adapter bears the trailing blanks; the index opens it.
+    {"BufferWithoutNulTakenWhole", {D("KV Kestrolar 1 ", 5, "n")}, 5, kUnterminated, "0", "1"},
+    {"FamilyCutAtByte100", {D(kCutFamily.c_str(), 5)}, 0, "", "0", "0"},
 };
+// clang-format on
 
 class ScanForAdapterTest : public ::testing::TestWithParam<ScanCase> {};
 
@@ -98,8 +79,8 @@ TEST_P(ScanForAdapterTest, FindsNumberDescriptionAndFlag) {
   EXPECT_EQ(module.FtdiLibraryMissing(), c.Missing);
   const FakeD2xxCounters counters = fake.Counters();
   for (size_t i = 0; i < c.Devices.size(); ++i) {
-    EXPECT_EQ(counters.OpenEx[i], i < c.OpenEx.size() ? c.OpenEx[i] : 0) << "index " << i;
-    EXPECT_EQ(counters.Open[i], i < c.Open.size() ? c.Open[i] : 0) << "index " << i;
+    EXPECT_EQ(counters.OpenEx[i], i < c.OpenEx.size() ? c.OpenEx[i] - '0' : 0) << "index " << i;
+    EXPECT_EQ(counters.Open[i], i < c.Open.size() ? c.Open[i] - '0' : 0) << "index " << i;
   }
   EXPECT_EQ(counters.OpenHandles, 0) << "an adapter was left open";
   EXPECT_EQ(counters.BadCalls, 0) << "a call with flags the library refuses";
@@ -129,14 +110,14 @@ TEST(ScanForAdapterLibraryTest, LibraryThatAppearsLaterIsFoundAndDescriptionOutl
 
   std::filesystem::copy_file(FAKE_D2XX_PATH, path);
   FakeD2xx fake(path);
-  fake.SetDevices({{.Description = "KV Kestrolar [7]", .ComNumber = 7}});
+  fake.SetDevices({D("KV Kestrolar 7", 7)});
   EXPECT_EQ(module.ScanForAdapter(), 7);
   EXPECT_FALSE(module.FtdiLibraryMissing());
-  EXPECT_EQ(module.AdapterDescription(), "KV Kestrolar [7]");
+  EXPECT_EQ(module.AdapterDescription(), "KV Kestrolar 7");
 
   fake.SetDevices({});
   EXPECT_EQ(module.ScanForAdapter(), 0);
-  EXPECT_EQ(module.AdapterDescription(), "KV Kestrolar [7]");
+  EXPECT_EQ(module.AdapterDescription(), "KV Kestrolar 7");
 }
 
 }  // namespace

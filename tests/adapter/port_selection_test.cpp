@@ -33,29 +33,27 @@ struct TickCase {
   std::optional<std::string> PortText;
 };
 
-const AdapterScanResult kFoundCom5{5, "", "KV Kestrolar [A]", false};
+const AdapterScanResult kCom5{5, "", "KV Kestrolar A", false};
+const AdapterScanResult kTty{0, "/dev/ttyUSB0", "KV Kestrolar B", false};
+const auto kNone = std::nullopt;
 
+// clang-format off
 const TickCase kTickCases[] = {
-    {"UploadRunning", "CANCEL", true, kFoundCom5, "(Update in progress..)", std::nullopt},
-    {"UploadRunningManual", "CANCEL", false, kFoundCom5, "(Update in progress..)", std::nullopt},
-    {"CaptionComparedExactly", "Start", true, kFoundCom5, "(Update in progress..)", std::nullopt},
-    {"CaptionWithBlank", "START ", true, kFoundCom5, "(Update in progress..)", std::nullopt},
-    {"Manual", "START", false, kFoundCom5, "(Manual selection)", std::nullopt},
-    {"ComFound", "START", true, kFoundCom5, "KV Kestrolar [A] (COM5)", "COM5"},
-    {"TwoDigitCom", "START", true, {12, "", "KV PC-Kestrolar", false}, "KV PC-Kestrolar (COM12)",
-     "COM12"},
-    {"NumberWinsOverFlag", "START", true, {5, "", "KV Kestrolar [A]", true},
-     "KV Kestrolar [A] (COM5)", "COM5"},
-    {"LibraryMissing", "START", true, {0, "", "KV Kestrolar [A]", true},
-     "(Error: FTD2XX.DLL not found)", std::nullopt},
-    {"NegativeNumber", "START", true, {-1, "", "KV Kestrolar [A]", false}, "(No device found)",
-     std::nullopt},
-    {"NothingFound", "START", true, {0, "", "", false}, "(No device found)", std::nullopt},
-    {"DevicePathFound", "START", true, {0, "/dev/ttyUSB0", "KV Kestrolar [B]", false},
-     "KV Kestrolar [B] (/dev/ttyUSB0)", "/dev/ttyUSB0"},
-    {"DevicePathWinsOverFlag", "START", true, {0, "/dev/ttyACM1", "KV Kestrolar [B]", true},
-     "KV Kestrolar [B] (/dev/ttyACM1)", "/dev/ttyACM1"},
+    {"UploadRunning", "CANCEL", true, kCom5, "(Update in progress..)", kNone},
+    {"UploadRunningManual", "CANCEL", false, kCom5, "(Update in progress..)", kNone},
+    {"CaptionComparedExactly", "Start", true, kCom5, "(Update in progress..)", kNone},
+    {"CaptionWithBlank", "START ", true, kCom5, "(Update in progress..)", kNone},
+    {"Manual", "START", false, kCom5, "(Manual selection)", kNone},
+    {"ComFound", "START", true, kCom5, "KV Kestrolar A (COM5)", "COM5"},
+    {"TwoDigitCom", "START", true, {12, "", "KV PC-Kestrolar", false}, "KV PC-Kestrolar (COM12)", "COM12"},
+    {"NumberWinsOverFlag", "START", true, {5, "", "KV Kestrolar A", true}, "KV Kestrolar A (COM5)", "COM5"},
+    {"LibraryMissing", "START", true, {0, "", "KV Kestrolar A", true}, "(Error: FTD2XX.DLL not found)", kNone},
+    {"NegativeNumber", "START", true, {-1, "", "KV Kestrolar A", false}, "(No device found)", kNone},
+    {"NothingFound", "START", true, {}, "(No device found)", kNone},
+    {"DevicePathFound", "START", true, kTty, "KV Kestrolar B (/dev/ttyUSB0)", "/dev/ttyUSB0"},
+    {"DevicePathWinsOverFlag", "START", true, {0, "/dev/ttyACM1", "KV B", true}, "KV B (/dev/ttyACM1)", "/dev/ttyACM1"},
 };
+// clang-format on
 
 class TimerRefreshPortTest : public ::testing::TestWithParam<TickCase> {};
 
@@ -80,7 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Ticks, TimerRefreshPortTest, ::testing::ValuesIn(kTickC
 
 TEST(TimerRefreshPortLibraryTest, ManualModeNeverCallsTheLibrary) {
   FakeD2xx fake(FAKE_D2XX_PATH);
-  fake.SetDevices({{.Description = "KV Kestrolar [3]", .ComNumber = 3}});
+  fake.SetDevices({{.Description = "KV Kestrolar 3", .ComNumber = 3}});
   D2xxAdapterScanner scanner(FAKE_D2XX_PATH);
 
   EXPECT_EQ(TimerRefreshPort_Timer("START", false, scanner).Label, "(Manual selection)");
@@ -88,7 +86,7 @@ TEST(TimerRefreshPortLibraryTest, ManualModeNeverCallsTheLibrary) {
   EXPECT_EQ(fake.Counters().ListCalls, 0);
 
   const PortRefresh found = TimerRefreshPort_Timer("START", true, scanner);
-  EXPECT_EQ(found.Label, "KV Kestrolar [3] (COM3)");
+  EXPECT_EQ(found.Label, "KV Kestrolar 3 (COM3)");
   EXPECT_EQ(found.PortText, "COM3");
 }
 

@@ -30,8 +30,8 @@ struct Tty {
 // Lays out a tty as the kernel does: class/tty/NAME links to the tty's own folder below its
 // device, whose "device" link leads back up to that device.
 void AddTty(const fs::path& Root, const Tty& T) {
-  const fs::path ttyDir = fs::path("devices") /
-                          (T.DeviceDir.empty() ? "virtual" : T.DeviceDir) / "tty" / T.Name;
+  const fs::path ttyDir =
+      fs::path("devices") / (T.DeviceDir.empty() ? "virtual" : T.DeviceDir) / "tty" / T.Name;
   fs::create_directories(Root / ttyDir);
   if (!T.DeviceDir.empty()) fs::create_directory_symlink("../..", Root / ttyDir / "device");
   fs::create_directories(Root / "class" / "tty");
@@ -55,27 +55,23 @@ struct SysfsCase {
   std::string Description;
 };
 
+const std::string kPort1 = kUsb1 + "/1-1:1.0/ttyUSB";
+const std::string kPort2 = kUsb2 + "/1-2:1.0/ttyUSB";
+
+// clang-format off
 const SysfsCase kSysfsCases[] = {
-    {"OneAdapter",
-     {{kUsb1, "KV Kestrolar [12]"}},
-     {{"tty0", ""}, {"ttyUSB0", kUsb1 + "/1-1:1.0/ttyUSB0"}},
-     "/dev/ttyUSB0",
-     "KV Kestrolar [12]"},
-    {"TwoAdaptersLastTtyWins",
-     {{kUsb1, "KV Mini-Kestrolar [1]"}, {kUsb2, "KV PC-KESTROLAR [2]"}},
-     {{"ttyUSB1", kUsb1 + "/1-1:1.0/ttyUSB1"}, {"ttyUSB0", kUsb2 + "/1-2:1.0/ttyUSB0"}},
-     "/dev/ttyUSB1",
-     "KV Mini-Kestrolar [1]"},
-    {"AcmOnInterface", {{kUsb2, "kv kestrolar rev3"}}, {{"ttyACM0", kUsb2 + "/1-2:1.0"}},
-     "/dev/ttyACM0", "kv kestrolar rev3"},
+    {"OneAdapter", {{kUsb1, "KV Kestrolar 12"}}, {{"tty0", ""}, {"ttyUSB0", kPort1 + "0"}},
+     "/dev/ttyUSB0", "KV Kestrolar 12"},
+    {"TwoAdaptersLastTtyWins", {{kUsb1, "KV Mini-Kestrolar 1"}, {kUsb2, "KV PC-KESTROLAR 2"}},
+     {{"ttyUSB1", kPort1 + "1"}, {"ttyUSB0", kPort2 + "0"}}, "/dev/ttyUSB1", "KV Mini-Kestrolar 1"},
+    {"AcmOnInterface", {{kUsb2, "kv kestrolar 3"}}, {{"ttyACM0", kUsb2 + "/1-2:1.0"}},
+     "/dev/ttyACM0", "kv kestrolar 3"},
     {"NoTtys", {}, {}, "", ""},
     {"NonUsbTtys", {}, {{"ttyS0", "platform/serial8250"}, {"tty0", ""}}, "", ""},
-    {"ForeignAndUnfinishedProducts",
-     {{kUsb1, "FT232R USB UART"}, {kUsb2, "KV KESTROLAR"}},
-     {{"ttyUSB0", kUsb1 + "/1-1:1.0/ttyUSB0"}, {"ttyUSB1", kUsb2 + "/1-2:1.0/ttyUSB1"}},
-     "",
-     ""},
+    {"ForeignAndUnfinishedProducts", {{kUsb1, "FT232R USB UART"}, {kUsb2, "KV KESTROLAR"}},
+     {{"ttyUSB0", kPort1 + "0"}, {"ttyUSB1", kPort2 + "1"}}, "", ""},
 };
+// clang-format on
 
 class SysfsScannerTest : public ::testing::TestWithParam<SysfsCase> {};
 
@@ -97,14 +93,14 @@ INSTANTIATE_TEST_SUITE_P(Trees, SysfsScannerTest, ::testing::ValuesIn(kSysfsCase
 
 TEST(SysfsScannerLifetimeTest, DescriptionOutlivesUnpluggedAdapter) {
   TempDir root;
-  BuildTree(root.Path(), {{kUsb1, "KV Kestrolar [5]"}}, {{"ttyUSB0", kUsb1 + "/1-1:1.0/ttyUSB0"}});
+  BuildTree(root.Path(), {{kUsb1, "KV Kestrolar 5"}}, {{"ttyUSB0", kPort1 + "0"}});
   SysfsAdapterScanner scanner(root.Path());
   EXPECT_EQ(scanner.ScanForAdapter().DevicePath, "/dev/ttyUSB0");
 
   fs::remove(root.Path() / "class" / "tty" / "ttyUSB0");
   const AdapterScanResult scan = scanner.ScanForAdapter();
   EXPECT_EQ(scan.DevicePath, "");
-  EXPECT_EQ(scan.AdapterDescription, "KV Kestrolar [5]");
+  EXPECT_EQ(scan.AdapterDescription, "KV Kestrolar 5");
 
   SysfsAdapterScanner nowhere(root.Path() / "absent");
   EXPECT_EQ(nowhere.ScanForAdapter().DevicePath, "");

@@ -1,5 +1,7 @@
 #include "serial/trace_backend.h"
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -27,37 +29,27 @@ class ScriptedPort final : public SerialBackend {
 
   int32_t Open(const std::string&, const std::string&) override { return 7; }
   std::string LastOpenError() const override { return "scripted"; }
-  int32_t BytesWaiting(int32_t) override {
-    return Reads.empty() ? 0 : static_cast<int32_t>(Reads.front().size());
-  }
+  int32_t BytesWaiting(int32_t) override { return static_cast<int32_t>(Reads.front().size()); }
   int16_t Read(int32_t, int32_t, std::string& Buffer) override {
     Buffer = Reads.front();
     Reads.pop_front();
     return 1;
   }
   int32_t Write(int32_t, const std::string& Data) override {
-    const auto taken = Data.substr(0, TakeAtMost);
-    Wire += taken;
-    return static_cast<int32_t>(taken.size());
+    Wire += Data.substr(0, TakeAtMost);
+    return static_cast<int32_t>(std::min(Data.size(), TakeAtMost));
   }
   void Close(int32_t) override {}
   void RaiseDtr(int32_t) override {}
   void WaitForInput(int32_t, int32_t) override {}
 };
 
-std::string FileText(const std::filesystem::path& Path) {
-  std::ifstream in(Path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 struct TraceStep {
   int64_t Tick;
-  char Op;  // 'w' writes Data, 'r' reads the next scripted chunk Data
+  char Op;  // 'w' writes Data, 'r' reads Data from the port
   std::string Data;
   size_t TakeAtMost;
-  std::string Line;  // the line it must add at once, "" for none
+  std::string Line;  // what the step must add to the trace at once
 };
 
 TEST(TraceBackend, WritesOneFlushedLinePerChunkOnTheWire) {
@@ -71,10 +63,8 @@ TEST(TraceBackend, WritesOneFlushedLinePerChunkOnTheWire) {
       {2301, 'w', "i", 0, ""},
       {2302, 'r', "O", 1000, "1302 < 4F\n"},
   };
-
   const auto path = std::filesystem::temp_directory_path() /
-                    ("palimbo_trace_" +
-                     std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + ".txt");
+                    ("palimbo_trace_" + std::to_string(::getpid()) + ".txt");
   std::ofstream file(path, std::ios::binary);
   ScriptedPort inner;
   FixedClock clock;
@@ -89,8 +79,7 @@ TEST(TraceBackend, WritesOneFlushedLinePerChunkOnTheWire) {
     clock.Now = step.Tick;
     inner.TakeAtMost = step.TakeAtMost;
     if (step.Op == 'w') {
-      EXPECT_EQ(trace.Write(handle, step.Data),
-                static_cast<int32_t>(std::min(step.Data.size(), step.TakeAtMost)));
+      EXPECT_EQ(trace.Write(handle, step.Data), std::min(step.Data.size(), step.TakeAtMost));
     } else {
       inner.Reads.push_back(step.Data);
       std::string buffer = "old";
@@ -99,8 +88,10 @@ TEST(TraceBackend, WritesOneFlushedLinePerChunkOnTheWire) {
       EXPECT_EQ(buffer, step.Data);
     }
     expected += step.Line;
-    // Read back from the file while it is still open: each line must already be on disk.
-    EXPECT_EQ(FileText(path), expected) << "after the step at tick " << step.Tick;
+    // Read back while the file is still open: each line must already be on disk.
+    std::ostringstream onDisk;
+    onDisk << std::ifstream(path, std::ios::binary).rdbuf();
+    EXPECT_EQ(onDisk.str(), expected) << "after the step at tick " << step.Tick;
   }
   EXPECT_EQ(inner.Wire, std::string("\x55\x05\x43\x00\x00\x01\x00\x44\x89\x01\x02", 11));
   file.close();

@@ -1,0 +1,225 @@
+// The CCB upload after an "X" in the entry poll, on virtual time.
+#include <functional>
+#include <gtest/gtest.h>
+
+#include "frames/crc16.h"
+#include "frames/frame.h"
+#include "support/upload_run.h"
+#include "upload/ccb_upload.h"
+
+namespace palimbo {
+namespace {
+
+using sim::BootProtocol;
+using sim::Fault;
+using sim::FaultKind;
+using sim::ModuleSettings;
+using sim::SimulatedModule;
+using testing::Bytes;
+using testing::TestImage;
+using testing::UploadRun;
+
+ModuleSettings Ccb() {
+  ModuleSettings settings;
+  settings.Protocol = BootProtocol::Ccb;
+  return settings;
+}
+
+std::string Frame(uint8_t Command, const std::string& Data) {
+  return BuildFrame(kCcbStartByte, Command, Data);
+}
+
+TEST(CcbUpload, WorkedExampleOf130BytesByteForByte) {
+  SimulatedModule module(Ccb());
+  UploadRun run(module);
+  const std::string image = TestImage(130);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  const std::vector<std::string> expected = {
+      Bytes({0x53, 0x01, 0x8A, 0x4C, 0xE5}),
+      Frame(139, Bytes({0, 0, 0, 0}) + image.substr(0, 128)),
+      Frame(139, Bytes({0, 0, 0, 0x80}) + image.substr(128)),
+      Bytes({0x53, 0x01, 0x8E, 0x37, 0x2A}),
+      Bytes({0x53, 0x05, 0x8F, 0x00, 0x00, 0x00, 0x82, 0x9D, 0xD2}),
+      Bytes({0x53, 0x01, 0x8D, 0xD8, 0x27}),
+  };
+  EXPECT_EQ(run.Frames(), expected);
+  EXPECT_EQ(run.Frames()[1].substr(0, 3), Bytes({0x53, 0x85, 0x8B}));
+  EXPECT_EQ(run.Frames()[2].substr(0, 3), Bytes({0x53, 0x07, 0x8B}));
+  EXPECT_EQ(module.Flash().substr(0, 130), image);
+  EXPECT_EQ(run.Job.Log.Lines.back(), "UPLOAD SUCCESSFULLY COMPLETED.");
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+  EXPECT_EQ(run.Job.Line.DtrCount(), 2) << "the job and the CCB routine each raise DTR";
+
+  using Call = testing::RecordingProgress::Call;
+  const auto& calls = run.Job.Progress.Calls;
+  const std::vector<Call> last(calls.end() - 7, calls.end());
+  EXPECT_EQ(last, (std::vector<Call>{{1, 130, kColorRed, "Programming chip.."},
+                                     {129, 130, kColorRed, "Programming chip.."},
+                                     {0, 2, kColorRed, "Checking chip content.."},
+                                     {0, 2, kColorRed, "Rebooting.."},
+                                     {1, 2, kColorBlue, "Rebooting.."},
+                                     {2, 2, kColorBlue, "Rebooting.."},
+                                     {0, 1, kColorBlue, ""}}));
+}
+
+struct BlockCase {
+  size_t Length;
+  int Blocks;
+  std::string LastLine;  // the log line of the last block
+  std::string LengthField;
+};
+
+class CcbBlocks : public ::testing::TestWithParam<BlockCase> {};
+
+TEST_P(CcbBlocks, BlocksLengthFieldAndLogLines) {
+  ModuleSettings settings = Ccb();
+  settings.CheckBytes = 4;
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(GetParam().Length);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(module.CountOf(CCBBlock), GetParam().Blocks);
+  EXPECT_EQ(run.LinesEqualTo(GetParam().LastLine), 1);
+  EXPECT_EQ(run.LinesEqualTo("Transfer ok."), GetParam().Blocks);
+  const auto& check = module.Commands()[module.Commands().size() - 2];
+  EXPECT_EQ(check.Command, CCBCheck);
+  EXPECT_EQ(check.Data, GetParam().LengthField);
+  EXPECT_EQ(module.Flash().substr(0, image.size()), image);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , CcbBlocks,
+    ::testing::Values(BlockCase{128, 1, "Programming page 0x0 to 0x80 ..", Bytes({0, 0, 0, 0x80})},
+                      BlockCase{129, 2, "Programming page 0x80 to 0x100 ..", Bytes({0, 0, 0, 0x81})},
+                      BlockCase{8065, 64, "Programming page 0x1F80 to 0x2000 ..",
+                                Bytes({0, 0, 0x1F, 0x81})}),
+    [](const auto& Info) { return "Length" + std::to_string(Info.param.Length); });
+
+TEST(CcbUpload, FailedCheckRestartsTheTransferWithoutANewEnter) {
+  ModuleSettings settings = Ccb();
+  settings.Faults.push_back(Fault{FaultKind::BadWrite, CCBBlock, 2});
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(300);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 1);
+  EXPECT_EQ(run.LinesEqualTo("UPLOAD FAILED. RESTARTING!"), 1);
+  EXPECT_EQ(run.LinesEqualTo("Programming page 0x0 to 0x80 .."), 2);
+  EXPECT_EQ(module.CountOf(CCBEnter), 1);
+  EXPECT_EQ(module.CountOf(CCBBlock), 6);
+  EXPECT_EQ(module.CountOf(CCBCheck), 2);
+  EXPECT_EQ(module.Flash().substr(0, 300), image);
+}
+
+TEST(CcbUpload, CheckWithoutAnswerRestartsSilently) {
+  ModuleSettings settings = Ccb();
+  for (int n = 1; n <= 10; ++n) settings.Faults.push_back(Fault{FaultKind::LoseAnswer, CCBCheck, n});
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  EXPECT_EQ(run.Run(TestImage(200)), UploadOutcome::Verified);
+  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 0);
+  EXPECT_EQ(run.LinesEqualTo("Programming page 0x0 to 0x80 .."), 2);
+  EXPECT_EQ(module.CountOf(CCBCheck), 11);
+}
+
+TEST(CcbUpload, RefusedBlockEndsWithoutReboot) {
+  ModuleSettings settings = Ccb();
+  settings.RefuseBlock = 1;
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  EXPECT_EQ(run.Run(TestImage(400)), UploadOutcome::Failed);
+  EXPECT_EQ(run.Job.Log.Lines.back(), "Transfer failed.");
+  EXPECT_EQ(module.CountOf(CCBBlock), 1 + 10);
+  EXPECT_EQ(module.CountOf(CCBReboot), 0);
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+  EXPECT_EQ(run.Job.Progress.Calls.back(), (testing::RecordingProgress::Call{0, 1, kColorBlue, ""}));
+}
+
+TEST(CcbUpload, RefusedEnterRebootsAndCloses) {
+  ModuleSettings settings = Ccb();
+  settings.AnswerEnter = false;
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  EXPECT_EQ(run.Run(TestImage(400)), UploadOutcome::Failed);
+  EXPECT_EQ(module.CountOf(CCBEnter), 10);
+  EXPECT_EQ(module.CountOf(CCBBlock), 0);
+  EXPECT_EQ(module.CountOf(CCBReboot), 1);
+  EXPECT_FALSE(run.Job.Log.Contains("Entered bootloader mode successfully."));
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+}
+
+// Where the operator's click falls, and what the routine must do then.
+struct CancelCase {
+  const char* Name;
+  std::function<bool(const SimulatedModule&, const testing::VirtualJob&)> When;
+  UploadOutcome Outcome;
+  const char* LastLine;
+  int Reboots;
+  bool CancelLeftSet;
+};
+
+class CcbCancel : public ::testing::TestWithParam<CancelCase> {};
+
+TEST_P(CcbCancel, EndsAsTheClickDecides) {
+  SimulatedModule module(Ccb());
+  UploadRun run(module);
+  bool fired = false;
+  run.Job.Pump.OnPump = [&] {
+    if (!fired && GetParam().When(module, run.Job)) {
+      fired = true;
+      run.Job.Ctx.Cancel = true;
+    }
+  };
+  EXPECT_EQ(run.Run(TestImage(400)), GetParam().Outcome);
+  EXPECT_TRUE(fired);
+  EXPECT_EQ(run.Job.Log.Lines.back(), GetParam().LastLine);
+  EXPECT_EQ(module.CountOf(CCBReboot), GetParam().Reboots);
+  EXPECT_EQ(run.Job.Ctx.Cancel, GetParam().CancelLeftSet);
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , CcbCancel,
+    ::testing::Values(
+        CancelCase{"InTheProgressOfABlock",
+                   [](const SimulatedModule&, const testing::VirtualJob& Job) {
+                     return !Job.Progress.Calls.empty() && Job.Progress.Calls.back().Val == 129;
+                   },
+                   UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
+        CancelCase{"InsideTheExchangeOfABlock",
+                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                     return Module.CountOf(CCBBlock) == 2;
+                   },
+                   UploadOutcome::Failed, "Transfer failed.", 0, true},
+        CancelCase{"InsideTheExchangeOfEnter",
+                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                     return Module.CountOf(CCBEnter) == 1;
+                   },
+                   UploadOutcome::Failed, "Entering bootloader mode.", 1, true},
+        CancelCase{"InsideTheCheck",
+                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                     return Module.CountOf(CCBCheck) == 1;
+                   },
+                   UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
+        CancelCase{"DuringTheReboot",
+                   [](const SimulatedModule&, const testing::VirtualJob& Job) {
+                     return Job.Log.Contains("UPLOAD SUCCESSFULLY COMPLETED.");
+                   },
+                   UploadOutcome::Verified, "UPLOAD SUCCESSFULLY COMPLETED.", 1, true}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+
+TEST(CcbUpload, CancelInsideTheCheckLogsTheFirstBlockAgainBeforeEnding) {
+  SimulatedModule module(Ccb());
+  UploadRun run(module);
+  run.Job.Pump.OnPump = [&] {
+    if (module.CountOf(CCBCheck) == 1) run.Job.Ctx.Cancel = true;
+  };
+  run.Run(TestImage(200));
+  const auto& log = run.Job.Log.Lines;
+  ASSERT_GE(log.size(), 2u);
+  EXPECT_EQ(log[log.size() - 2], "Programming page 0x0 to 0x80 ..");
+  EXPECT_EQ(module.CountOf(CCBCheck), 1);
+}
+
+}  // namespace
+}  // namespace palimbo

@@ -1,0 +1,207 @@
+// Page programming, verification and reboot of the direct protocol, on virtual time.
+#include <algorithm>
+#include <cstdio>
+#include <gtest/gtest.h>
+
+#include "frames/crc16.h"
+#include "frames/frame.h"
+#include "support/upload_run.h"
+
+namespace palimbo {
+namespace {
+
+using sim::Fault;
+using sim::FaultKind;
+using sim::ModuleSettings;
+using sim::SimulatedModule;
+using testing::TestImage;
+using testing::UploadRun;
+
+std::string Frame(uint8_t Command, const std::string& Data) {
+  return BuildFrame(kDirectStartByte, Command, Data);
+}
+
+std::string Fill(const std::string& Image, size_t Offset, size_t Part, size_t From) {
+  std::string data = {static_cast<char>(Offset / 256), static_cast<char>(Offset % 256)};
+  std::string bytes = From < Image.size() ? Image.substr(From, Part) : "";
+  bytes.resize(Part, '\xFF');
+  return data + bytes;
+}
+
+TEST(DirectUpload, WorkedExampleOf300BytesFrameByFrame) {
+  SimulatedModule module;
+  UploadRun run(module);
+  const std::string image = TestImage(300);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  const std::vector<std::string> expected = {
+      Frame('C', BigEndian32(256)),
+      Frame('E', ""),
+      Frame('E', ""),
+      Frame('F', Fill(image, 0, 128, 0)),
+      Frame('F', Fill(image, 128, 128, 128)),
+      Frame('P', BigEndian32(0)),
+      Frame('F', Fill(image, 0, 128, 256)),
+      Frame('F', Fill(image, 128, 128, 384)),
+      Frame('P', BigEndian32(256)),
+      Frame('C', BigEndian32(300)),
+      Frame('S', ""),
+  };
+  EXPECT_EQ(run.Frames(), expected);
+  EXPECT_EQ(module.Flash().substr(0, 300), image);
+  EXPECT_EQ(module.Flash().substr(300, 212), std::string(212, '\xFF'));
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+
+  const auto& log = run.Job.Log.Lines;
+  const std::vector<std::string> tail(log.end() - 4, log.end());
+  EXPECT_EQ(tail, (std::vector<std::string>{"Writing FLASH", "Flash write successfull (0x100)..",
+                                            "CRC test of application section confirms:",
+                                            "UPLOAD SUCCESSFULLY COMPLETED."}));
+  // The second page's CRC runs on through the 0xFF behind the image.
+  std::string page2 = image.substr(256);
+  page2.resize(256, '\xFF');
+  char expectedLine[64];
+  std::snprintf(expectedLine, sizeof expectedLine, "Programming page 0x100 to 0x200 (CRC=0x%04X)",
+                static_cast<unsigned>(Crc16Of(page2)));
+  EXPECT_EQ(run.LinesEqualTo(expectedLine), 1);
+
+  using Call = testing::RecordingProgress::Call;
+  const auto& calls = run.Job.Progress.Calls;
+  const std::vector<Call> last(calls.end() - 7, calls.end());
+  EXPECT_EQ(last, (std::vector<Call>{{1, 300, kColorRed, "Programming chip.."},
+                                     {257, 300, kColorRed, "Programming chip.."},
+                                     {0, 2, kColorRed, "Checking content.."},
+                                     {0, 2, kColorRed, "Rebooting.."},
+                                     {1, 2, kColorBlue, "Rebooting.."},
+                                     {2, 2, kColorBlue, "Rebooting.."},
+                                     {0, 1, kColorBlue, ""}}));
+}
+
+struct PartCase {
+  int32_t PageSize;
+  size_t ImageLength;
+  std::vector<std::string> PartLines;  // the distinct "Transmitting buffer part" lines
+  int FillFrames;
+  int PageFrames;
+};
+
+class PageSizes : public ::testing::TestWithParam<PartCase> {};
+
+TEST_P(PageSizes, PartsAndPagesFollowThePageSize) {
+  ModuleSettings settings;
+  settings.PageSize = GetParam().PageSize;
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(GetParam().ImageLength);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(module.Flash().substr(0, image.size()), image);
+  EXPECT_EQ(module.CountOf('F'), GetParam().FillFrames);
+  EXPECT_EQ(module.CountOf('P'), GetParam().PageFrames);
+  for (const auto& line : GetParam().PartLines) EXPECT_GE(run.LinesEqualTo(line), 1) << line;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , PageSizes,
+    ::testing::Values(PartCase{256, 1, {"Transmitting buffer part 2 of 2"}, 2, 1},
+                      PartCase{256, 512, {"Transmitting buffer part 1 of 2"}, 4, 2},
+                      PartCase{128, 300, {"Transmitting buffer part 1 of 1"}, 3, 3},
+                      PartCase{200, 300, {"Transmitting buffer part 2 of 1"}, 4, 2},
+                      PartCase{64, 200, {"Transmitting buffer part 1 of 0"}, 4, 4}),
+    [](const auto& Info) {
+      return "Page" + std::to_string(Info.param.PageSize) + "Image" +
+             std::to_string(Info.param.ImageLength);
+    });
+
+TEST(DirectUpload, WithoutCrcSupportEveryPartGoesTwiceAndTheCheckIsGivenUp) {
+  ModuleSettings settings;
+  settings.SupportsCrc = false;
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(300);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Unverified);
+  EXPECT_TRUE(run.Job.Log.Contains(
+      "Bootloader does not support CRC checks - enabling double page write."));
+  EXPECT_EQ(module.CountOf('F'), 8);
+  EXPECT_EQ(run.LinesEqualTo("First transfer okay.."), 4);
+  EXPECT_TRUE(run.Job.Log.Contains("Unable to retrieve checksum (not supported by bootloader)"));
+  EXPECT_EQ(module.CountOf('S'), 1);
+  EXPECT_EQ(module.Flash().substr(0, 300), image);
+}
+
+TEST(DirectUpload, DoublePageWriteWithAFailureBetweenTheTwoTransfers) {
+  ModuleSettings settings;
+  settings.SupportsCrc = false;
+  // The second "F" of the first part is lost every time for its ten tries.
+  for (int n = 2; n <= 11; ++n) settings.Faults.push_back(Fault{FaultKind::LoseAnswer, 'F', n});
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  EXPECT_EQ(run.Run(TestImage(128)), UploadOutcome::Unverified);
+  const auto& log = run.Job.Log.Lines;
+  const auto first = std::find(log.begin(), log.end(), "First transfer okay..");
+  ASSERT_NE(first, log.end());
+  // One more positive answer after the failure completes the part: the count is kept.
+  EXPECT_EQ(*(first + 1), "TOO MANY TRIES. MODULE IS BROKEN!");
+  EXPECT_EQ(*(first + 2), "Transfer successfull..");
+}
+
+TEST(DirectUpload, PageWrittenWrongOnceIsRepeatedWithAllItsParts) {
+  ModuleSettings settings;
+  settings.Faults.push_back(Fault{FaultKind::BadWrite, 'P', 2});
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(700);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(module.CountOf('P'), 4);
+  EXPECT_EQ(module.CountOf('F'), 8);
+  EXPECT_EQ(run.LinesEqualTo("Programming page 0x100 to 0x200 (CRC=0x" +
+                             [&] {
+                               char h[5];
+                               std::snprintf(h, sizeof h, "%04X",
+                                             static_cast<unsigned>(Crc16Of(image.substr(256, 256))));
+                               return std::string(h);
+                             }() +
+                             ")"),
+            2);
+  EXPECT_EQ(module.CountOf('E'), 2) << "a repeated page is written without a new erase";
+  EXPECT_EQ(module.Flash().substr(0, 700), image);
+}
+
+TEST(DirectUpload, EncryptedImageWritesPagesWithD) {
+  SimulatedModule module;
+  UploadRun run(module);
+  EXPECT_EQ(run.Run(TestImage(300), /*Marker=*/true), UploadOutcome::Verified);
+  EXPECT_EQ(module.CountOf('D'), 2);
+  EXPECT_EQ(module.CountOf('P'), 0);
+  EXPECT_TRUE(run.Job.Ctx.IsEncrypted);
+}
+
+TEST(DirectUpload, CancelWhileProgrammingTakesTheCancelExit) {
+  SimulatedModule module;
+  UploadRun run(module);
+  run.Job.Pump.OnPump = [&] {
+    if (module.CountOf('F') == 3) run.Job.Ctx.Cancel = true;
+  };
+  EXPECT_EQ(run.Run(TestImage(1000)), UploadOutcome::Cancelled);
+  EXPECT_EQ(run.Job.Log.Lines.back(), "Operation cancelled.");
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+  EXPECT_EQ(module.CountOf('S'), 0);
+}
+
+TEST(DirectUpload, CancelDuringTheFinalCheckStillReboots) {
+  SimulatedModule module;
+  UploadRun run(module);
+  run.Job.Pump.OnPump = [&] {
+    if (module.CountOf('C') == 2 && !run.Job.Log.Contains("Operation cancelled.")) {
+      run.Job.Ctx.Cancel = true;
+    }
+  };
+  EXPECT_EQ(run.Run(TestImage(300)), UploadOutcome::Unverified);
+  EXPECT_TRUE(run.Job.Log.Contains("Unable to retrieve checksum (not supported by bootloader)"));
+  EXPECT_FALSE(run.Job.Log.Contains("Operation cancelled."));
+  // "S" goes out once, its exchange sees the flag and gives up after one pass.
+  EXPECT_EQ(run.Frames().back(), Frame('S', ""));
+  EXPECT_EQ(module.CountOf('S'), 1);
+  EXPECT_TRUE(run.Job.Ctx.Cancel);
+}
+
+}  // namespace
+}  // namespace palimbo
