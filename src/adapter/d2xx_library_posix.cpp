@@ -33,6 +33,7 @@ struct Library::Binding {
 };
 
 std::unique_ptr<Library> Library::Load(const std::string& Path) {
+  // RTLD_NOW: a library that cannot be used whole fails here, not inside a scan.
   void* module = dlopen(Path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (module == nullptr) return nullptr;
   auto bound = std::make_unique<Binding>(module);

@@ -20,7 +20,8 @@ struct Library::Binding {
 
   template <typename Fn>
   bool Bind(Fn& Entry, const char* Name) {
-    Entry = reinterpret_cast<Fn>(GetProcAddress(module, Name));
+    // Through void*, because FARPROC names no real signature.
+    Entry = reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, Name)));
     return Entry != nullptr;
   }
 

@@ -1,6 +1,7 @@
 #include "adapter/modFTDI.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 
 #include "adapter/controller_family.h"
@@ -12,7 +13,7 @@ using namespace d2xx;
 namespace {
 
 constexpr size_t kDescriptionSize = 100;
-// The highest index the walk can count to: it counts in 16 bits.
+// The walk counts its indexes in 16 bits.
 constexpr int64_t kLastWalkableIndex = INT16_MAX;
 // Indexes that get the second open attempt by number.
 constexpr int kLastOpenByNumberIndex = 8;
@@ -35,6 +36,7 @@ int32_t modFTDI::ScanForAdapter() {
   DWORD count = 0;
   if (library_->FT_ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY) != FT_OK) return result;
   const int64_t last = int64_t{static_cast<int32_t>(count)} - 1;
+  // A count the walk cannot reach is a fault inside the scan, not a status of the library.
   if (last > kLastWalkableIndex) {
     ftdiLibraryMissing_ = true;
     return result;

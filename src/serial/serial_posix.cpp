@@ -112,7 +112,7 @@ bool ApplyLineSettings(const LineSettings& Wanted, termios& Tio) {
     cfsetospeed(&Tio, rate->Speed);
   }
   if (Wanted.Parity) {
-    // Parity errors are not checked on input (no INPCK): the byte arrives as Windows gives it.
+    // Parity errors are not checked on input (no INPCK): the byte arrives as it was received.
     Tio.c_cflag &= ~(PARENB | PARODD | kMarkSpaceParity);
     switch (*Wanted.Parity) {
       case ParityKind::None:
@@ -138,7 +138,7 @@ bool ApplyLineSettings(const LineSettings& Wanted, termios& Tio) {
     Tio.c_cflag = (Tio.c_cflag & ~CSIZE) | kSizes[*Wanted.DataBits - 5];
   }
   if (Wanted.StopBits) {
-    // A UART sends 1.5 stop bits for CSTOPB at 5 data bits, and 2 otherwise, as Windows does.
+    // Termios has no 1.5; a UART sends 1.5 stop bits for CSTOPB at 5 data bits, where 1.5 exists.
     if (*Wanted.StopBits == StopKind::One) {
       Tio.c_cflag &= ~CSTOPB;
     } else {
@@ -192,7 +192,7 @@ class PosixSerialBackend final : public SerialBackend {
 
 int32_t PosixSerialBackend::Open(const std::string& PortName, const std::string& LineSettingsText) {
   const std::string badSettings = "bad line settings '" + LineSettingsText + "'";
-  // A text that cannot be used fails before the device is touched, so opening raises no DTR.
+  // A text that does not parse fails before the device is touched, so opening raises no DTR.
   const auto wanted = ParseLineSettings(LineSettingsText);
   if (!wanted) return FailOpen(-1, badSettings);
 

@@ -135,7 +135,7 @@ void Win32SerialBackend::RaiseDtr(int32_t Handle) {
 }
 
 void Win32SerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
-  if (MaxMicros <= 0 || BytesWaiting(Handle) > 0 || Find(Handle) == INVALID_HANDLE_VALUE) return;
+  if (MaxMicros <= 0 || Find(Handle) == INVALID_HANDLE_VALUE || BytesWaiting(Handle) > 0) return;
   // With no time-outs set on the port there is no waiting read; one short sleep is about 1 ms
   // when the program holds timeBeginPeriod(1), a whole timer tick otherwise.
   ::Sleep(MaxMicros >= 1000 ? 1 : 0);

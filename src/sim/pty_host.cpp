@@ -31,8 +31,8 @@ std::string SystemMessage(const char* What) {
 // keeps the thread from spinning while it waits for the next open.
 constexpr int kHangupNapMillis = 10;
 
-// Longest wait when nothing is due, so a stop request is never the only way out of poll.
-constexpr int64_t kIdleWaitMicros = 200'000;
+// Longest single wait of the loop when no answer is due.
+constexpr int64_t kLongestWaitMicros = 200'000;
 
 }  // namespace
 
@@ -118,15 +118,14 @@ void PtyHost::Serve() {
       if (n < 0 && errno != EAGAIN && errno != EINTR) line.clear();
     }
 
-    int64_t waitUs = kIdleWaitMicros;
-    if (!due.empty()) waitUs = std::clamp<int64_t>(dueAt(due.front()) - now, 0, kIdleWaitMicros);
-    const timespec timeout{static_cast<time_t>(waitUs / 1'000'000),
-                           static_cast<long>(waitUs % 1'000'000 * 1000)};
+    int64_t waitUs = kLongestWaitMicros;
+    if (!due.empty()) waitUs = std::clamp<int64_t>(dueAt(due.front()) - now, 0, kLongestWaitMicros);
     pollfd fds[2] = {
         {master_fd_, static_cast<short>(POLLIN | (line.empty() ? 0 : POLLOUT)), 0},
         {wake_fd_, POLLIN, 0},
     };
-    if (ppoll(fds, 2, &timeout, nullptr) < 0 && errno != EINTR) break;
+    // Rounded up, so an answer due within the next millisecond does not spin the loop.
+    if (poll(fds, 2, static_cast<int>((waitUs + 999) / 1000)) < 0 && errno != EINTR) break;
     if ((fds[1].revents & POLLIN) != 0) break;
 
     bool hungUp = false;
@@ -148,7 +147,7 @@ void PtyHost::Serve() {
       continue;
     }
     // No tool has the port open: what it would have heard is lost, as on a real line, and
-    // bytes already in the terminal must not greet the next tool that opens it.
+    // nothing written meanwhile may greet the next tool that opens it.
     due.clear();
     line.clear();
     if (!toolGone) tcflush(master_fd_, TCOFLUSH);

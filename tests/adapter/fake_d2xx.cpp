@@ -7,51 +7,37 @@
 
 namespace {
 
-constexpr size_t kBufferSize = 100;
-constexpr unsigned long kOk = 0;
-constexpr unsigned long kInvalidHandle = 1;
-constexpr unsigned long kDeviceNotFound = 2;
-constexpr unsigned long kDeviceNotOpened = 3;
-constexpr unsigned long kInvalidParameter = 6;
+constexpr unsigned long kOk = 0, kInvalidHandle = 1, kDeviceNotFound = 2, kDeviceNotOpened = 3,
+                        kInvalidParameter = 6;
 
-struct State {
-  std::vector<FakeD2xxDevice> devices;
-  std::vector<std::string> descriptions;
-  long reportedCount = 0;
-  unsigned long countStatus = kOk;
-  FakeD2xxCounters counters{};
-  bool open[kFakeD2xxMaxDevices] = {};
+struct Device {
+  FakeD2xxDevice setup;
+  std::string description;
+  bool open = false;
 };
 
 // A vendor library keeps its devices in process-wide state, and so does its stand-in.
-State& TheState() {
-  static State state;
-  return state;
-}
+struct State {
+  std::vector<Device> devices;
+  long reportedCount = 0;
+  unsigned long countStatus = kOk;
+  FakeD2xxCounters counters{};
+} g;
 
-void* HandleOf(size_t Index) {
-  return reinterpret_cast<void*>(Index + 1);
-}
-
-// The device of a handle that is open; any other handle is a caller's fault.
-bool IndexOf(void* Handle, size_t* Index) {
-  State& s = TheState();
-  const auto value = reinterpret_cast<uintptr_t>(Handle);
-  if (value == 0 || value > s.devices.size() || !s.open[value - 1]) {
-    ++s.counters.BadCalls;
-    return false;
-  }
-  *Index = value - 1;
-  return true;
-}
-
-unsigned long Opened(size_t Index, void** Handle) {
-  State& s = TheState();
-  if (s.open[Index]) return kDeviceNotOpened;
-  s.open[Index] = true;
-  ++s.counters.OpenHandles;
-  *Handle = HandleOf(Index);
+unsigned long Opened(Device& D, void** Handle) {
+  if (D.open) return kDeviceNotOpened;
+  D.open = true;
+  *Handle = &D;
   return kOk;
+}
+
+// The device of a handle that is open; any other handle is the caller's fault.
+Device* DeviceOf(void* Handle) {
+  for (auto& device : g.devices) {
+    if (&device == Handle && device.open) return &device;
+  }
+  ++g.counters.BadCalls;
+  return nullptr;
 }
 
 }  // namespace
@@ -60,78 +46,66 @@ extern "C" {
 
 void fake_d2xx_set_devices(const FakeD2xxDevice* Devices, int Count, long ReportedCount,
                            unsigned long CountStatus) {
-  State& s = TheState();
-  s.devices.assign(Devices, Devices + (Count < kFakeD2xxMaxDevices ? Count : kFakeD2xxMaxDevices));
-  s.descriptions.clear();
-  for (const auto& device : s.devices) s.descriptions.emplace_back(device.Description);
-  s.reportedCount = ReportedCount < 0 ? Count : ReportedCount;
-  s.countStatus = CountStatus;
-  s.counters = FakeD2xxCounters{};
-  for (bool& open : s.open) open = false;
+  g = State{{}, ReportedCount < 0 ? Count : ReportedCount, CountStatus, {}};
+  for (int i = 0; i < Count && i < kFakeD2xxMaxDevices; ++i) {
+    g.devices.push_back({Devices[i], Devices[i].Description});
+  }
 }
 
 void fake_d2xx_get_counters(FakeD2xxCounters* Out) {
-  *Out = TheState().counters;
+  *Out = g.counters;
+  for (const auto& device : g.devices) Out->OpenHandles += device.open ? 1 : 0;
 }
 
 unsigned long FT_ListDevices(void* Arg1, void* Arg2, unsigned long Flags) {
-  State& s = TheState();
-  ++s.counters.ListCalls;
+  ++g.counters.ListCalls;
   if (Flags == 0x80000000UL && Arg2 == nullptr) {
-    *static_cast<unsigned long*>(Arg1) = static_cast<unsigned long>(s.reportedCount);
-    return s.countStatus;
+    *static_cast<unsigned long*>(Arg1) = static_cast<unsigned long>(g.reportedCount);
+    return g.countStatus;
   }
-  if (Flags != 0x40000002UL) {
-    ++s.counters.BadCalls;
-    return kInvalidParameter;
-  }
+  if (Flags != 0x40000002UL) return ++g.counters.BadCalls, kInvalidParameter;
   const auto index = reinterpret_cast<uintptr_t>(Arg1);
-  if (index >= s.devices.size() || s.devices[index].DescriptionFails) return kDeviceNotFound;
-  const std::string& text = s.descriptions[index];
-  const size_t written = text.size() < kBufferSize ? text.size() : kBufferSize;
-  std::memcpy(Arg2, text.data(), written);
-  if (!s.devices[index].NoNul && written < kBufferSize) static_cast<char*>(Arg2)[written] = '\0';
+  if (index >= g.devices.size() || g.devices[index].setup.DescriptionFails) return kDeviceNotFound;
+  // The caller's buffer holds 100 bytes; a longer description fills it without a NUL.
+  const std::string& text = g.devices[index].description;
+  const size_t length = text.size() < 100 ? text.size() : 100;
+  std::memcpy(Arg2, text.data(), length);
+  if (!g.devices[index].setup.NoNul && length < 100) static_cast<char*>(Arg2)[length] = '\0';
   return kOk;
 }
 
 unsigned long FT_OpenEx(void* Arg1, unsigned long Flags, void** Handle) {
-  State& s = TheState();
-  if (Flags != 0x2UL) {
-    ++s.counters.BadCalls;
-    return kInvalidParameter;
-  }
-  for (size_t i = 0; i < s.devices.size(); ++i) {
-    if (s.descriptions[i] != static_cast<const char*>(Arg1)) continue;
-    ++s.counters.OpenEx[i];
-    return s.devices[i].OpenExFails ? kDeviceNotOpened : Opened(i, Handle);
+  if (Flags != 0x2UL) return ++g.counters.BadCalls, kInvalidParameter;
+  for (size_t i = 0; i < g.devices.size(); ++i) {
+    if (g.devices[i].description != static_cast<const char*>(Arg1)) continue;
+    ++g.counters.OpenEx[i];
+    return g.devices[i].setup.OpenExFails ? kDeviceNotOpened : Opened(g.devices[i], Handle);
   }
   return kDeviceNotFound;
 }
 
 unsigned long FT_Open(int DeviceNumber, void** Handle) {
-  State& s = TheState();
-  if (DeviceNumber < 0 || static_cast<size_t>(DeviceNumber) >= s.devices.size()) {
+  if (DeviceNumber < 0 || static_cast<size_t>(DeviceNumber) >= g.devices.size()) {
     return kDeviceNotFound;
   }
-  ++s.counters.Open[DeviceNumber];
-  return s.devices[DeviceNumber].OpenFails ? kDeviceNotOpened : Opened(DeviceNumber, Handle);
+  Device& device = g.devices[DeviceNumber];
+  ++g.counters.Open[DeviceNumber];
+  return device.setup.OpenFails ? kDeviceNotOpened : Opened(device, Handle);
 }
 
 unsigned long FT_GetComPortNumber(void* Handle, long* ComPortNumber) {
-  size_t index = 0;
-  if (!IndexOf(Handle, &index)) return kInvalidHandle;
-  if (TheState().devices[index].NumberFails) return kDeviceNotFound;
-  *ComPortNumber = TheState().devices[index].ComNumber;
+  const Device* device = DeviceOf(Handle);
+  if (device == nullptr) return kInvalidHandle;
+  if (device->setup.NumberFails) return kDeviceNotFound;
+  *ComPortNumber = device->setup.ComNumber;
   return kOk;
 }
 
 #ifndef FAKE_D2XX_WITHOUT_CLOSE
 unsigned long FT_Close(void* Handle) {
-  size_t index = 0;
-  if (!IndexOf(Handle, &index)) return kInvalidHandle;
-  TheState().open[index] = false;
-  ++TheState().counters.Close;
-  --TheState().counters.OpenHandles;
+  Device* device = DeviceOf(Handle);
+  if (device == nullptr) return kInvalidHandle;
+  device->open = false;
   return kOk;
 }
 #endif

@@ -20,7 +20,6 @@ struct FakeD2xxCounters {
   int ListCalls;
   int OpenEx[kFakeD2xxMaxDevices];  // by the index whose description was asked for
   int Open[kFakeD2xxMaxDevices];
-  int Close;
   int OpenHandles;  // opened and not closed again
   int BadCalls;     // flags or arguments the library would refuse
 };

@@ -45,13 +45,14 @@ const TickCase kTickCases[] = {
     {"CaptionWithBlank", "START ", true, kCom5, "(Update in progress..)", kNone},
     {"Manual", "START", false, kCom5, "(Manual selection)", kNone},
     {"ComFound", "START", true, kCom5, "KV Kestrolar A (COM5)", "COM5"},
-    {"TwoDigitCom", "START", true, {12, "", "KV PC-Kestrolar", false}, "KV PC-Kestrolar (COM12)", "COM12"},
-    {"NumberWinsOverFlag", "START", true, {5, "", "KV Kestrolar A", true}, "KV Kestrolar A (COM5)", "COM5"},
-    {"LibraryMissing", "START", true, {0, "", "KV Kestrolar A", true}, "(Error: FTD2XX.DLL not found)", kNone},
-    {"NegativeNumber", "START", true, {-1, "", "KV Kestrolar A", false}, "(No device found)", kNone},
+    {"TwoDigitCom", "START", true, {12, "", "KV C", false}, "KV C (COM12)", "COM12"},
+    {"NumberWinsOverFlag", "START", true, {5, "", "KV A", true}, "KV A (COM5)", "COM5"},
+    {"LibraryMissing", "START", true, {0, "", "KV", true}, "(Error: FTD2XX.DLL not found)", kNone},
+    {"NegativeNumber", "START", true, {-1, "", "KV A", false}, "(No device found)", kNone},
     {"NothingFound", "START", true, {}, "(No device found)", kNone},
     {"DevicePathFound", "START", true, kTty, "KV Kestrolar B (/dev/ttyUSB0)", "/dev/ttyUSB0"},
-    {"DevicePathWinsOverFlag", "START", true, {0, "/dev/ttyACM1", "KV B", true}, "KV B (/dev/ttyACM1)", "/dev/ttyACM1"},
+    {"DevicePathWinsOverFlag", "START", true, {0, "/dev/ttyACM1", "KV B", true},
+     "KV B (/dev/ttyACM1)", "/dev/ttyACM1"},
 };
 // clang-format on
 

@@ -118,7 +118,9 @@ TEST_F(CliImageTest, StatusAndOutput) {
     EXPECT_TRUE(std::regex_search(result.Err, std::regex(c.Err))) << name << "\n" << result.Err;
     // A bad file must leave no output behind.
     EXPECT_EQ(fs::exists(dir_ / "out.bin"), !c.Bin.empty()) << name;
-    if (!c.Bin.empty()) EXPECT_EQ(Slurp(dir_ / "out.bin"), c.Bin) << name;
+    if (!c.Bin.empty()) {
+      EXPECT_EQ(Slurp(dir_ / "out.bin"), c.Bin) << name;
+    }
   }
 }
 

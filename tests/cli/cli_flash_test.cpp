@@ -1,0 +1,110 @@
+// palimbo-cli flash against palimbo-cli simulate, over a real pseudo-terminal.
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "support/process.h"
+#include "support/temp_file.h"
+#include "support/upload_run.h"
+
+namespace palimbo {
+namespace {
+
+using testing::Process;
+
+std::string ReadAll(const std::string& Path) {
+  std::ifstream in(Path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct FlashCase {
+  const char* Name;
+  std::vector<std::string> SimulateArgs;
+  size_t ImageLength;
+  int ExitStatus;
+  const char* LastLine;
+};
+
+class FlashIntoSimulate : public ::testing::TestWithParam<FlashCase> {};
+
+TEST_P(FlashIntoSimulate, ExitStatusLogAndFlash) {
+  const std::string image = testing::TestImage(GetParam().ImageLength);
+  const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(image));
+  const std::string dump = testing::WriteTempFile("flash.bin", "");
+  const std::string trace = testing::WriteTempFile("trace.txt", "");
+  std::vector<std::string> simArgs = {PALIMBO_CLI, "simulate", "--dump", dump};
+  simArgs.insert(simArgs.end(), GetParam().SimulateArgs.begin(), GetParam().SimulateArgs.end());
+  Process module(simArgs, testing::WriteTempFile("simulate.err", ""));
+  const std::string port = module.FirstLine(5000);
+  ASSERT_FALSE(port.empty());
+
+  Process flash({PALIMBO_CLI, "flash", "--port", port, "--trace", trace, file},
+                testing::WriteTempFile("flash.err", ""));
+  EXPECT_EQ(flash.Wait(), GetParam().ExitStatus) << flash.Output;
+  module.Signal(SIGTERM);
+  EXPECT_EQ(module.Wait(), 0);
+
+  EXPECT_TRUE(flash.Output.find("Entered bootloader mode successfully.\n") != std::string::npos);
+  ASSERT_GE(flash.Output.size(), 2u);
+  const std::string lastLine =
+      flash.Output.substr(flash.Output.rfind('\t', flash.Output.size() - 2) + 1);
+  EXPECT_EQ(lastLine, std::string(GetParam().LastLine) + "\n");
+  EXPECT_EQ(ReadAll(dump).substr(0, image.size()), image);
+  // The trace begins with the first poll going out.
+  const std::string traced = ReadAll(trace);
+  EXPECT_NE(traced.find(" > 69\n"), std::string::npos) << traced.substr(0, 200);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , FlashIntoSimulate,
+    ::testing::Values(
+        FlashCase{"Direct64KiB", {}, 65536, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
+        FlashCase{"Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
+        FlashCase{"DirectWithoutCrcIsUnverified",
+                  {"--no-crc", "--echo"},
+                  1000,
+                  3,
+                  "Unable to retrieve checksum (not supported by bootloader)"}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+
+TEST(Flash, CtrlCCancelsAtTheJobsOwnExit) {
+  const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(30000)));
+  Process module({PALIMBO_CLI, "simulate"}, testing::WriteTempFile("simulate.err", ""));
+  const std::string port = module.FirstLine(5000);
+  ASSERT_FALSE(port.empty());
+  Process flash({PALIMBO_CLI, "flash", "--port", port, file},
+                testing::WriteTempFile("flash.err", ""));
+  ASSERT_TRUE(flash.WaitForLine("Writing FLASH", 10000)) << flash.Output;
+  flash.Signal(SIGINT);
+  EXPECT_EQ(flash.Wait(), 1);
+  EXPECT_TRUE(flash.WaitForLine("Operation cancelled.", 0)) << flash.Output;
+}
+
+TEST(Flash, PortThatCannotBeOpenedSaysWhy) {
+  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AA\r\n");
+  const std::string err = testing::WriteTempFile("flash.err", "");
+  Process flash({PALIMBO_CLI, "flash", "--port", "/dev/palimbo-no-such-port", file}, err);
+  EXPECT_EQ(flash.Wait(), 1);
+  EXPECT_EQ(flash.Output.substr(flash.Output.find('\t') + 1),
+            "Firmware read from file. Length 1 Bytes.\n");
+  EXPECT_NE(ReadAll(err).find("cannot open port /dev/palimbo-no-such-port: No such file"),
+            std::string::npos)
+      << ReadAll(err);
+}
+
+TEST(Flash, DamagedFileIsABadInput) {
+  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AB\r\n");
+  const std::string err = testing::WriteTempFile("flash.err", "");
+  Process flash({PALIMBO_CLI, "flash", "--port", "/dev/null", file}, err);
+  EXPECT_EQ(flash.Wait(), 2);
+  EXPECT_NE(ReadAll(err).find("line 1: checksum mismatch"), std::string::npos) << ReadAll(err);
+}
+
+}  // namespace
+}  // namespace palimbo
