@@ -92,7 +92,7 @@ void SimulatedModule::OnPoll(int64_t NowMicros, std::vector<Emission>& Out) {
     answer += static_cast<char>((settings_.PageSize >> 16) & 0xFF);
     AppendHighLow(answer, settings_.PageSize);
   }
-  // Piece k of n covers the bytes from k*len/n up to (k+1)*len/n.
+  // One piece a poll, as from a module that answers slowly: the tool must gather them.
   const int pieces = std::clamp(settings_.AnswerPieces, 1, static_cast<int>(answer.size()));
   const size_t k = static_cast<size_t>(answerIndex % pieces);
   const size_t from = k * answer.size() / pieces;

@@ -31,15 +31,15 @@ inline constexpr uint8_t kCcbCheck = 143;
 inline constexpr uint8_t kDirectStart = 0x55;
 inline constexpr uint8_t kCcbStart = 0x53;
 
-/// What a fault rule does to the module's handling of one command.
+/// What a fault rule does to the module's handling of one command. Only `BadWrite` changes
+/// what the command does; the others change what goes back on the line.
 enum class FaultKind {
   LoseAnswer,      ///< the command takes effect, but no answer goes out
   CorruptAnswer,   ///< the answer's last byte is flipped, so its CRC fails
   GarbageFirst,    ///< `Garbage` goes out right in front of the answer
   LateAnswer,      ///< the answer goes out `DelayMicros` later than usual
   NegativeAnswer,  ///< direct: "R", echo, 0; CCB: a valid frame with answer code 0
-  BadWrite,        ///< "P", "D" or CCBBlock: one byte lands wrong in flash (and "P"/"D" report
-                   ///< the CRC of what landed)
+  BadWrite,        ///< "P", "D", CCBBlock: one byte lands wrong; "P"/"D" report its CRC
 };
 
 /// Matches every framed command in `Fault::Command`.
@@ -50,11 +50,11 @@ inline constexpr int kEveryTime = 0;
 /// One injected fault: which command, which time it is heard, and what goes wrong.
 struct Fault {
   FaultKind Kind = FaultKind::LoseAnswer;
-  int Command = kAnyCommand;             ///< a command byte, or `kAnyCommand`
-  int Occurrence = kEveryTime;           ///< 1-based count of that command (of any frame for
-                                         ///< `kAnyCommand`), or `kEveryTime`
-  int64_t DelayMicros = 0;               ///< for `LateAnswer`
-  std::string Garbage = "\xAA\x00\xAA";  ///< for `GarbageFirst`
+  int Command = kAnyCommand;    ///< a command byte, or `kAnyCommand`
+  int Occurrence = kEveryTime;  ///< 1-based count of that command (of any frame for
+                                ///< `kAnyCommand`), or `kEveryTime`
+  int64_t DelayMicros = 0;      ///< for `LateAnswer`
+  std::string Garbage = std::string("\xAA\x00\xAA", 3);  ///< for `GarbageFirst`
 };
 
 /// How the simulated module behaves. The defaults are a well-behaved direct bootloader.
@@ -65,7 +65,7 @@ struct ModuleSettings {
 
   // Entry handshake.
   bool EchoPoll = false;              ///< send the "i" back before each answer
-  bool Silent = false;                ///< never send anything: no bootloader runs
+  bool Silent = false;                ///< never send a byte, whatever is heard
   int AnswerAfterPolls = 0;           ///< the first n polls get nothing at all
   std::string StrayBytes;             ///< sent once, in front of the first answer
   int AnswerPieces = 1;               ///< the entry answer is spread over this many polls

@@ -28,8 +28,9 @@ WindowTest::~WindowTest() {
   if (window_ && window_->isVisible()) window_->hide();
 }
 
-void WindowTest::Open() {
-  window_ = std::make_unique<frmPalimbo>(ConsoleServices{Scanner, Line, JobClock, Settings, Boxes});
+void WindowTest::Open(MessageBoxes* Real) {
+  MessageBoxes& Shown = Real != nullptr ? *Real : Boxes;
+  window_ = std::make_unique<frmPalimbo>(ConsoleServices{Scanner, Line, JobClock, Settings, Shown});
   window_->show();
 }
 

@@ -133,7 +133,8 @@ class WindowTest : public ::testing::Test {
   ~WindowTest() override;
 
   /// Creates and shows the window; the store holds whatever the test put there before.
-  void Open();
+  /// `Real` gives the window the toolkit's own message boxes instead of the scripted ones.
+  void Open(MessageBoxes* Real = nullptr);
   frmPalimbo& Window() { return *window_; }
 
   template <typename T>
@@ -154,6 +155,7 @@ class WindowTest : public ::testing::Test {
   QSettings Settings;
   FakeScanner Scanner;
   ScriptedBoxes Boxes;
+  QtMessageBoxes RealBoxes;
   sim::VirtualClock Virtual;
   WatchedClock JobClock{Virtual};
   sim::SimulatedModule Module;

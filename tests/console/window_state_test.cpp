@@ -64,7 +64,9 @@ TEST_F(WindowTest, EveryControlHasItsNameKindCaptionAndPlace) {
     EXPECT_TRUE(Control->inherits(Row.Kind));
     EXPECT_EQ(Control->parentWidget(), Row.InFrame ? Frame1 : &Window());
     EXPECT_EQ(Control->pos(), QPoint(Row.Left / 15, Row.Top / 15));
-    if (Row.Width != 0) EXPECT_EQ(Control->size(), QSize(Row.Width / 15, Row.Height / 15));
+    if (Row.Width != 0) {
+      EXPECT_EQ(Control->size(), QSize(Row.Width / 15, Row.Height / 15));
+    }
     if (Row.Caption == nullptr) continue;
     const char* Property = Control->inherits("QGroupBox") ? "title" : "text";
     EXPECT_EQ(Control->property(Property).toString(), QString::fromLatin1(Row.Caption));
