@@ -49,9 +49,17 @@ constexpr QColor kTealFace(0, 192, 192);
 
 // The layout is given in twips; at 96 dots an inch a pixel is 15 twips, and the toolkit
 // scales logical pixels for other screens.
-int Px(int Twips) { return (Twips + 7) / 15; }
+int Px(int Twips) {
+  return (Twips + 7) / 15;
+}
 QRect Twips(int Left, int Top, int Width, int Height) {
   return QRect(Px(Left), Px(Top), Px(Width), Px(Height));
+}
+
+QStringList FaceWithFallbacks() {
+  return {QStringLiteral("MS Sans Serif"), QStringLiteral("Microsoft Sans Serif"),
+          QStringLiteral("Arial"), QStringLiteral("Liberation Sans"),
+          QStringLiteral("DejaVu Sans Condensed")};
 }
 
 QLabel* MakeLabel(QWidget* Parent, const char* Name, const char* Caption, QRect Where) {
@@ -86,8 +94,12 @@ void SetCaption(QPushButton* Button, const QString& Caption) {
   Button->repaint();
 }
 
-QString Text(const std::string& Bytes) { return QString::fromLocal8Bit(Bytes); }
-std::string Bytes(const QString& Text) { return Text.toLocal8Bit().toStdString(); }
+QString Text(const std::string& Bytes) {
+  return QString::fromLocal8Bit(Bytes);
+}
+std::string Bytes(const QString& Text) {
+  return Text.toLocal8Bit().toStdString();
+}
 
 }  // namespace
 
@@ -140,6 +152,11 @@ frmPalimbo::frmPalimbo(ConsoleServices Services, QWidget* Parent)
   setWindowIcon(MakeWindowIcon());
   setFixedSize(Px(9855), Px(5175));
   setAcceptDrops(true);
+  // The layout was measured for this small face; where it is missing, a face of like width.
+  QFont Default;
+  Default.setFamilies(FaceWithFallbacks());
+  Default.setPointSizeF(8.0);
+  setFont(Default);
   BuildControls();
   ConnectHandlers();
   Form_Load();
@@ -153,7 +170,8 @@ void frmPalimbo::BuildControls() {
   Frame1->setObjectName(QStringLiteral("Frame1"));
   Frame1->setGeometry(Twips(120, 120, 9615, 4515));
 
-  QFont StepFont(QStringLiteral("MS Sans Serif"));
+  QFont StepFont;
+  StepFont.setFamilies(FaceWithFallbacks());
   StepFont.setWeight(QFont::Bold);
   StepFont.setPointSizeF(9.75);
   QPalette RedText = palette();
@@ -265,9 +283,9 @@ void frmPalimbo::BuildControls() {
   SaveAction->setObjectName(QStringLiteral("mnuSaveLog"));
   connect(SaveAction, &QAction::triggered, this, &frmPalimbo::SaveLogAs);
 
-  QWidget* const TabOrder[] = {cmbComPort,        txtFirmwareFile, cmdBrowse,    cmdStart,
-                               lstStatus,         pctProgress,     cmdStartIn10, optSelectManually,
-                               optAutomatic,      cmdEnglishManual, cmdGermanManual};
+  QWidget* const TabOrder[] = {cmbComPort,   txtFirmwareFile,  cmdBrowse,      cmdStart,
+                               lstStatus,    pctProgress,      cmdStartIn10,   optSelectManually,
+                               optAutomatic, cmdEnglishManual, cmdGermanManual};
   pctProgress->setFocusPolicy(Qt::NoFocus);
   for (size_t I = 1; I < std::size(TabOrder); ++I) setTabOrder(TabOrder[I - 1], TabOrder[I]);
 
@@ -283,8 +301,7 @@ void frmPalimbo::BuildControls() {
   cmdStart->setToolTip(QStringLiteral("Start the upload, or cancel the one that runs"));
   cmdStartIn10->setToolTip(
       QStringLiteral("Start the upload in ten seconds, time to hold the module's switch"));
-  lstStatus->setToolTip(
-      QStringLiteral("What the upload did. Right-click to copy or save the log"));
+  lstStatus->setToolTip(QStringLiteral("What the upload did. Right-click to copy or save the log"));
   pctProgress->setToolTip(
       QStringLiteral("Progress of the upload: the bar is red while the module is being changed"));
   cmdEnglishManual->setToolTip(QStringLiteral("Short operating instructions in English"));
@@ -307,8 +324,7 @@ void frmPalimbo::ConnectHandlers() {
   connect(cmdBrowse, &QPushButton::clicked, this, &frmPalimbo::cmdBrowse_Click);
   connect(cmdEnglishManual, &QPushButton::clicked, this, &frmPalimbo::cmdEnglishManual_Click);
   connect(cmdGermanManual, &QPushButton::clicked, this, &frmPalimbo::cmdGermanManual_Click);
-  connect(lstStatus, &QListWidget::customContextMenuRequested, this,
-          &frmPalimbo::ShowStatusMenu);
+  connect(lstStatus, &QListWidget::customContextMenuRequested, this, &frmPalimbo::ShowStatusMenu);
 }
 
 QString frmPalimbo::ReadSetting(const QString& Key, const QString& Default) const {
@@ -331,15 +347,21 @@ void frmPalimbo::cmbComPort_Change() {
   SaveSetting(QStringLiteral("Port"), cmbComPort->currentText());
 }
 
-void frmPalimbo::cmbComPort_Click() { cmbComPort_Change(); }
+void frmPalimbo::cmbComPort_Click() {
+  cmbComPort_Change();
+}
 
 void frmPalimbo::txtFirmwareFile_Change() {
   SaveSetting(QStringLiteral("File"), txtFirmwareFile->text());
 }
 
-void frmPalimbo::optAutomatic_Click() { cmbComPort->setEnabled(false); }
+void frmPalimbo::optAutomatic_Click() {
+  cmbComPort->setEnabled(false);
+}
 
-void frmPalimbo::optSelectManually_Click() { cmbComPort->setEnabled(true); }
+void frmPalimbo::optSelectManually_Click() {
+  cmbComPort->setEnabled(true);
+}
 
 void frmPalimbo::TimerRefreshPort_Timer() {
   const PortRefresh Refresh = ::palimbo::TimerRefreshPort_Timer(
@@ -408,8 +430,7 @@ void frmPalimbo::cmdStartIn10_Click() {
 
 void frmPalimbo::Form_QueryUnload(int& Cancel, int /*UnloadMode*/) {
   if (cmdStart->text() == QLatin1String(kCancelCaption)) {
-    if (services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle),
-                                 QLatin1String(kCancelQuestion))) {
+    if (services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle), QLatin1String(kCancelQuestion))) {
       job_->Cancel = true;
       job_->QUnload = true;
     }
@@ -430,9 +451,8 @@ void frmPalimbo::Form_Unload(int& /*Cancel*/) {
 
 void frmPalimbo::cmdBrowse_Click() {
   QString Path;
-  const QString Name =
-      ShowOpenDialog(this, QStringLiteral("Select HEX file"), Path, QString(),
-                     QLatin1String(kHexFilter), QString());
+  const QString Name = ShowOpenDialog(this, QStringLiteral("Select HEX file"), Path, QString(),
+                                      QLatin1String(kHexFilter), QString());
   if (Name.isEmpty()) return;
   txtFirmwareFile->setText(JoinFolderAndName(Path, Name));
 }
@@ -452,7 +472,9 @@ QString frmPalimbo::LogText() const {
   return Lines.join(QLatin1Char('\n'));
 }
 
-void frmPalimbo::CopyLog() { QApplication::clipboard()->setText(LogText()); }
+void frmPalimbo::CopyLog() {
+  QApplication::clipboard()->setText(LogText());
+}
 
 void frmPalimbo::SaveLogAs() {
   QString Path;

@@ -9,7 +9,9 @@ constexpr char kCrLf[] = "\r\n";
 
 }  // namespace
 
-QString EnglishManualTitle() { return QStringLiteral("English manual"); }
+QString EnglishManualTitle() {
+  return QStringLiteral("English manual");
+}
 
 QString EnglishManualText() {
   QString Text;
@@ -38,7 +40,9 @@ QString EnglishManualText() {
   return Text;
 }
 
-QString GermanManualTitle() { return QStringLiteral("Deutsche Anleitung"); }
+QString GermanManualTitle() {
+  return QStringLiteral("Deutsche Anleitung");
+}
 
 QString GermanManualText() {
   QString Text;
@@ -65,7 +69,9 @@ QString GermanManualText() {
   return Text;
 }
 
-QString GermanSafetyTitle() { return QStringLiteral("Sicherheitshinweis"); }
+QString GermanSafetyTitle() {
+  return QStringLiteral("Sicherheitshinweis");
+}
 
 QString GermanSafetyNote() {
   return QString::fromUtf8(

@@ -11,8 +11,7 @@ bool QtMessageBoxes::AskYesNo(QWidget* Owner, const QString& Title, const QStrin
   return Box.exec() == QMessageBox::Yes;
 }
 
-void QtMessageBoxes::Show(QWidget* Owner, const QString& Title, const QString& Text,
-                          BoxIcon Icon) {
+void QtMessageBoxes::Show(QWidget* Owner, const QString& Title, const QString& Text, BoxIcon Icon) {
   QMessageBox::Icon Shown = QMessageBox::NoIcon;
   switch (Icon) {
     case BoxIcon::None:

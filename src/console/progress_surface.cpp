@@ -39,8 +39,7 @@ void ProgressSurface::SetColors(const QColor& Back, const QColor& Fore) {
   update();
 }
 
-void ProgressSurface::DrawProgress(int32_t Val, int32_t Max, uint32_t Color,
-                                   const QString& Text) {
+void ProgressSurface::DrawProgress(int32_t Val, int32_t Max, uint32_t Color, const QString& Text) {
   const int32_t Width = ScaleWidth();
   const int32_t Height = ScaleHeight();
   const int32_t Bar = BarWidth(Val, Max, Width);

@@ -20,6 +20,8 @@ int32_t BarWidth(int32_t Val, int32_t Max, int32_t ScaleWidth);
 /// Drawing happens on an image behind the surface, so that the not-xor pen works on the
 /// pixels themselves; painting the widget only shows that image.
 class ProgressSurface final : public QFrame {
+  Q_OBJECT
+
  public:
   explicit ProgressSurface(QWidget* Parent = nullptr);
 

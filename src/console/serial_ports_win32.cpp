@@ -2,7 +2,9 @@
 
 namespace palimbo {
 
-QStringList ListSerialPorts() { return ListSerialPortsIn(QString()); }
+QStringList ListSerialPorts() {
+  return ListSerialPortsIn(QString());
+}
 
 QStringList ListSerialPortsIn(const QString& /*DeviceFolder*/) {
   QStringList Ports;

@@ -130,6 +130,9 @@ SimulatedModule::FaultEffect SimulatedModule::MatchFaults(uint8_t Command) const
       case FaultKind::BadWrite:
         effect.BadWrite = true;
         break;
+      case FaultKind::WrongValue:
+        effect.WrongValue = true;
+        break;
     }
   }
   return effect;
@@ -155,6 +158,10 @@ void SimulatedModule::OnFrame(std::string_view Payload, int64_t NowMicros,
   if (answer.Send && !fault.Lose) {
     if (fault.Negative)
       answer.Payload = direct ? ByteString({'R', command, 0}) : ByteString({0, command});
+    // Only answers that carry a value behind their head can bring a wrong one.
+    if (fault.WrongValue && answer.Payload.size() > (direct ? 3u : 2u)) {
+      answer.Payload.back() = static_cast<char>(ByteAt(answer.Payload, answer.Payload.size() - 1) + 1);
+    }
     std::string frame = EncodeFrame(direct ? kDirectStart : kCcbStart, answer.Payload);
     if (fault.Corrupt) frame.back() = static_cast<char>(~ByteAt(frame, frame.size() - 1));
     Emit(NowMicros + settings_.TurnaroundMicros + fault.DelayMicros, fault.Garbage + frame, Out);

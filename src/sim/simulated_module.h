@@ -40,6 +40,7 @@ enum class FaultKind {
   LateAnswer,      ///< the answer goes out `DelayMicros` later than usual
   NegativeAnswer,  ///< direct: "R", echo, 0; CCB: a valid frame with answer code 0
   BadWrite,        ///< "P", "D", CCBBlock: one byte lands wrong; "P"/"D" report its CRC
+  WrongValue,      ///< the value an answer carries (a CRC) comes back one too high
 };
 
 /// Matches every framed command in `Fault::Command`.
@@ -136,6 +137,7 @@ class SimulatedModule final : public ModulePeer {
     bool Corrupt = false;
     bool Negative = false;
     bool BadWrite = false;
+    bool WrongValue = false;
     int64_t DelayMicros = 0;
     std::string Garbage;
   };

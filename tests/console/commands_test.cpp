@@ -69,70 +69,59 @@ TEST_F(CommandTest, FullUploadShowsBlueThenRedAndEndsWithBlankBar) {
   }
 }
 
-TEST_F(CommandTest, CancelAnsweredNoLetsTheUploadGoOn) {
-  Boxes.Answer = false;
-  QString CaptionAfter;
-  bool BlankAfter = false;
+struct QuestionRow {
+  const char* Name;
+  bool ByClose;
+  bool Answer;
+  const char* CaptionAfter;  // right after the answer, with the job still running
+  bool CancelAfter;
+  const char* LastLine;
+  bool StaysOpen;
+};
+
+class CancelQuestionTest : public CommandTest, public ::testing::WithParamInterface<QuestionRow> {};
+
+// CANCEL or the close box in the middle of the programming, answered No or Yes.
+TEST_P(CancelQuestionTest, DuringUpload) {
+  const QuestionRow& Row = GetParam();
+  Boxes.Answer = Row.Answer;
+  QString Caption;
+  bool Cancel = false, Refused = false, Blank = false;
   PumpHook Hook([this] { return Programming(); },
                 [&] {
-                  Button("cmdStart")->click();
-                  CaptionAfter = Button("cmdStart")->text();
-                  BlankAfter = BarIsBlank();
+                  if (Row.ByClose) {
+                    Refused = !Window().close();
+                  } else {
+                    Button("cmdStart")->click();
+                    Blank = BarIsBlank();
+                  }
+                  Caption = Button("cmdStart")->text();
+                  Cancel = Window().Job().Cancel;
                 });
   Button("cmdStart")->click();
-  ASSERT_TRUE(Hook.Done());
   ASSERT_EQ(Boxes.Shown.size(), 1u);
   EXPECT_EQ(Boxes.Shown[0].Title, QStringLiteral("Palimbo v1"));
   EXPECT_EQ(Boxes.Shown[0].Text, QString::fromLatin1(kCancelQuestion));
   EXPECT_TRUE(Boxes.Shown[0].Question);
-  EXPECT_EQ(CaptionAfter, QStringLiteral("CANCEL"));
-  EXPECT_TRUE(BlankAfter);
-  EXPECT_EQ(LogTexts().last(), QString::fromLatin1(kSuccess));
-}
-
-TEST_F(CommandTest, CancelAnsweredYesStopsTheUploadAtItsNextCheck) {
-  Boxes.Answer = true;
-  QString CaptionAfter;
-  bool CancelAfter = false;
-  PumpHook Hook([this] { return Programming(); },
-                [&] {
-                  Button("cmdStart")->click();
-                  CaptionAfter = Button("cmdStart")->text();
-                  CancelAfter = Window().Job().Cancel;
-                });
-  Button("cmdStart")->click();
-  EXPECT_EQ(CaptionAfter, QStringLiteral("START"));
-  EXPECT_TRUE(CancelAfter);
-  EXPECT_EQ(LogTexts().last(), QStringLiteral("Operation cancelled."));
-  EXPECT_EQ(CountLog(kSuccess), 0);
+  EXPECT_EQ(Caption, QString::fromLatin1(Row.CaptionAfter));
+  EXPECT_EQ(Cancel, Row.CancelAfter);
+  EXPECT_EQ(Refused, Row.ByClose);
+  EXPECT_EQ(Blank, !Row.ByClose);
+  EXPECT_EQ(LogTexts().last(), QString::fromLatin1(Row.LastLine));
+  EXPECT_EQ(Button("cmdStart")->text(), QStringLiteral("START"));
   EXPECT_FALSE(Window().Job().Cancel);
   EXPECT_FALSE(Line.IsOpen());
-  EXPECT_TRUE(Window().isVisible());
+  EXPECT_EQ(Window().isVisible(), Row.StaysOpen);
 }
 
-TEST_F(CommandTest, CloseDuringUploadAnsweredNoChangesNothing) {
-  Boxes.Answer = false;
-  bool Closed = true;
-  PumpHook Hook([this] { return Programming(); }, [&] { Closed = Window().close(); });
-  Button("cmdStart")->click();
-  EXPECT_FALSE(Closed);
-  EXPECT_EQ(Boxes.Shown.size(), 1u);
-  EXPECT_EQ(LogTexts().last(), QString::fromLatin1(kSuccess));
-  EXPECT_TRUE(Window().isVisible());
-  EXPECT_FALSE(Window().Job().QUnload);
-}
-
-TEST_F(CommandTest, CloseDuringUploadAnsweredYesClosesAfterTheJobWithoutSecondQuestion) {
-  Boxes.Answer = true;
-  bool Closed = true;
-  PumpHook Hook([this] { return Programming(); }, [&] { Closed = Window().close(); });
-  Button("cmdStart")->click();
-  EXPECT_FALSE(Closed);
-  EXPECT_EQ(Boxes.Shown.size(), 1u);
-  EXPECT_EQ(LogTexts().last(), QStringLiteral("Operation cancelled."));
-  EXPECT_FALSE(Window().isVisible());
-  EXPECT_FALSE(Find<QTimer>("TimerRefreshPort")->isActive());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Answers, CancelQuestionTest,
+    ::testing::Values(
+        QuestionRow{"CancelNo", false, false, "CANCEL", false, kSuccess, true},
+        QuestionRow{"CancelYes", false, true, "START", true, "Operation cancelled.", true},
+        QuestionRow{"CloseNo", true, false, "CANCEL", false, kSuccess, true},
+        QuestionRow{"CloseYes", true, true, "CANCEL", true, "Operation cancelled.", false}),
+    [](const ::testing::TestParamInfo<QuestionRow>& Info) { return Info.param.Name; });
 
 TEST_F(CommandTest, StartIn10CountsDownThenStarts) {
   QStringList Captions;
@@ -187,7 +176,7 @@ TEST_F(CommandTest, AfterConfirmedCancelNoSecondJobAndCloseWaits) {
   EXPECT_EQ(Stood, 0);
   EXPECT_FALSE(Closed);
   EXPECT_EQ(Boxes.Shown.size(), 1u);
-  EXPECT_EQ(Line.OpenCount(), 1);
+  EXPECT_EQ(CountLog("Firmware read from file. Length 1000 Bytes."), 1);
   EXPECT_EQ(CountLog("Operation cancelled."), 1);
   EXPECT_FALSE(Window().isVisible());
 }

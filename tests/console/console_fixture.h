@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "qt_printers.h"
+
 #include <QApplication>
 #include <QComboBox>
 #include <QLineEdit>
@@ -52,17 +54,13 @@ class ScriptedBoxes final : public MessageBoxes {
   };
   std::vector<Box> Shown;
   bool Answer = false;
-  /// Runs while a box stands open, before it is answered.
-  std::function<void()> WhileOpen;
 
   bool AskYesNo(QWidget*, const QString& Title, const QString& Text) override {
     Shown.push_back({Title, Text, BoxIcon::None, true});
-    if (WhileOpen) WhileOpen();
     return Answer;
   }
   void Show(QWidget*, const QString& Title, const QString& Text, BoxIcon Icon) override {
     Shown.push_back({Title, Text, Icon, false});
-    if (WhileOpen) WhileOpen();
   }
 };
 
@@ -144,7 +142,9 @@ class WindowTest : public ::testing::Test {
     return Found;
   }
   QPushButton* Button(const char* Name) { return Find<QPushButton>(Name); }
-  QString Stored(const char* Key) { return Settings.value(QStringLiteral("Settings/") + Key).toString(); }
+  QString Stored(const char* Key) {
+    return Settings.value(QStringLiteral("Settings/") + Key).toString();
+  }
   bool IsStored(const char* Key) { return Settings.contains(QStringLiteral("Settings/") + Key); }
   QStringList LogTexts();  ///< the status lines without their time stamps
 

@@ -9,6 +9,7 @@
 #include <QTimer>
 #include <cstdio>
 
+#include "../support/temp_file.h"
 #include "adapter/port_selection.h"
 #include "console/frmPalimbo.h"
 #include "console/message_boxes.h"
@@ -25,25 +26,6 @@ class DemoScanner final : public palimbo::AdapterScanner {
     return {3, "", "Kestrolar USB Interface", false};
   }
 };
-
-std::string HexOf(const std::string& Image) {
-  std::string Text;
-  char Record[64];
-  for (size_t At = 0; At < Image.size(); At += 16) {
-    int Sum = 16 + static_cast<int>((At >> 8) & 255) + static_cast<int>(At & 255);
-    std::snprintf(Record, sizeof Record, ":10%04X00", static_cast<unsigned>(At));
-    Text += Record;
-    for (size_t I = At; I < At + 16; ++I) {
-      const int Byte = static_cast<unsigned char>(Image[I]);
-      Sum += Byte;
-      std::snprintf(Record, sizeof Record, "%02X", Byte);
-      Text += Record;
-    }
-    std::snprintf(Record, sizeof Record, "%02X\r\n", (256 - (Sum & 255)) & 255);
-    Text += Record;
-  }
-  return Text + ":00000001FF\r\n";
-}
 
 }  // namespace
 
@@ -64,7 +46,7 @@ int main(int argc, char* argv[]) {
   for (size_t I = 0; I < Image.size(); ++I) Image[I] = static_cast<char>(I * 13 + 5);
   QFile File(FirmwareFile);
   File.open(QIODevice::WriteOnly);
-  File.write(QByteArray::fromStdString(HexOf(Image)));
+  File.write(QByteArray::fromStdString(palimbo::testing::HexOf(Image)));
   File.close();
   Settings.setValue("Settings/File", FirmwareFile);
 
@@ -84,6 +66,8 @@ int main(int argc, char* argv[]) {
   Watch.setInterval(0);
   QObject::connect(&Watch, &QTimer::timeout, [&] {
     if (Saved || Module.CountOf(palimbo::sim::kCmdPage) < HalfPages) return;
+    // The tick the operator would see once a second during the upload.
+    Window.TimerRefreshPort_Timer();
     Saved = Window.grab().save(Output);
     Watch.stop();
   });

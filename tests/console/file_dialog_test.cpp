@@ -9,17 +9,21 @@
 namespace palimbo::testing {
 namespace {
 
-QString Nul(const char* Text, qsizetype Size) { return QString::fromLatin1(Text, Size); }
+// A text with NUL characters in it, as a literal gives it.
+template <size_t N>
+QString Nul(const char (&Text)[N]) {
+  return QString::fromLatin1(Text, N - 1);
+}
 
 TEST(PrepareDialogFilter, EveryBarBecomesNulAndTheListEndsInTwo) {
   const struct {
     QString Filter, Prepared;
   } kRows[] = {
       {"Intel HEX files (*.hex)|*.hex|All files (*.*)|*.*",
-       Nul("Intel HEX files (*.hex)\0*.hex\0All files (*.*)\0*.*\0\0", 50)},
-      {"Hex", Nul("Hex\0\0", 5)},
-      {"", Nul("\0\0", 2)},
-      {"A||B", Nul("A\0\0B\0\0", 6)},
+       Nul("Intel HEX files (*.hex)\0*.hex\0All files (*.*)\0*.*\0\0")},
+      {"Hex", Nul("Hex\0\0")},
+      {"", Nul("\0\0")},
+      {"A||B", Nul("A\0\0B\0\0")},
   };
   for (const auto& Row : kRows) EXPECT_EQ(PrepareDialogFilter(Row.Filter), Row.Prepared);
 }
@@ -36,7 +40,8 @@ TEST(ToNameFilters, PairsBecomeEntriesUpToTheEmptyDescription) {
       {"A|*.a||B|*.b", {"A (*.a)"}},
   };
   for (const auto& Row : kRows)
-    EXPECT_EQ(ToNameFilters(PrepareDialogFilter(Row.Filter)), Row.Filters) << Row.Filter.toStdString();
+    EXPECT_EQ(ToNameFilters(PrepareDialogFilter(Row.Filter)), Row.Filters)
+        << Row.Filter.toStdString();
 }
 
 TEST(SplitAndJoin, FolderKeepsItsSeparatorAndJoinAddsOneOnlyWhenMissing) {

@@ -56,9 +56,9 @@ TEST_F(WindowTest, SelectionFollowsOnlyFromTheLastLineOrNowhere) {
 TEST(BarWidth, RoundsHalfToEven) {
   const struct {
     int32_t Val, Max, Scale, Width;
-  } kRows[] = {{0, 26, 501, 0},     {25, 26, 501, 482},  {1, 2, 5, 2},       {1, 2, 7, 4},
-               {1, 2, 501, 250},    {3, 2, 3, 4},        {13, 26, 500, 250}, {1, 1, 501, 501},
-               {5, 4, 100, 125},    {1, 3, 100, 33},     {2, 3, 100, 67},    {1, 0, 100, 0},
+  } kRows[] = {{0, 26, 501, 0},  {25, 26, 501, 482}, {1, 2, 5, 2},       {1, 2, 7, 4},
+               {1, 2, 501, 250}, {3, 2, 3, 4},       {13, 26, 500, 250}, {1, 1, 501, 501},
+               {5, 4, 100, 125}, {1, 3, 100, 33},    {2, 3, 100, 67},    {1, 0, 100, 0},
                {-1, 4, 100, -25}};
   for (const auto& Row : kRows)
     EXPECT_EQ(BarWidth(Row.Val, Row.Max, Row.Scale), Row.Width)
@@ -130,8 +130,8 @@ TEST_F(WindowTest, ProgressBarPaintsBarAndTextWithTheNotXorPen) {
     EXPECT_EQ(Empty.size(), 2u);
     EXPECT_GT(Empty.at(Row.Fore.rgb()), 0);
     Window().SetProgress(0, 1, Row.Color, "");
-    EXPECT_EQ(Colours(Grab(), 0, Width), (std::map<QRgb, int>{
-                                              {Row.Back.rgb(), Width * Surface->ScaleHeight()}}));
+    EXPECT_EQ(Colours(Grab(), 0, Width),
+              (std::map<QRgb, int>{{Row.Back.rgb(), Width * Surface->ScaleHeight()}}));
   }
 }
 

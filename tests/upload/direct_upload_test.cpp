@@ -165,6 +165,26 @@ TEST(DirectUpload, PageWrittenWrongOnceIsRepeatedWithAllItsParts) {
   EXPECT_EQ(module.Flash().substr(0, 700), image);
 }
 
+TEST(DirectUpload, FailedFinalCheckStartsANewPagePassWithoutProbeOrErase) {
+  ModuleSettings settings;
+  settings.Faults.push_back(Fault{FaultKind::WrongValue, 'C', 2});
+  SimulatedModule module(settings);
+  UploadRun run(module);
+  const std::string image = TestImage(300);
+  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 1);
+  EXPECT_EQ(run.LinesEqualTo("UPLOAD FAILED. RESTARTING!"), 1);
+  EXPECT_EQ(run.LinesEqualTo("UPLOAD SUCCESSFULLY COMPLETED."), 1);
+  EXPECT_EQ(module.CountOf('P'), 4);
+  EXPECT_EQ(module.CountOf('E'), 2);
+  EXPECT_EQ(module.CountOf('C'), 3) << "the probe once, the final check twice";
+  // The new pass starts at page 0 with the red bar from its beginning.
+  const auto& log = run.Job.Log.Lines;
+  const auto restart = std::find(log.begin(), log.end(), "UPLOAD FAILED. RESTARTING!");
+  ASSERT_NE(restart + 1, log.end());
+  EXPECT_EQ((restart + 1)->substr(0, 31), "Programming page 0x0 to 0x100 (");
+}
+
 TEST(DirectUpload, EncryptedImageWritesPagesWithD) {
   SimulatedModule module;
   UploadRun run(module);

@@ -77,7 +77,9 @@ TEST_P(EntryPoll, EntersTheDirectBootloaderInTheRightCycle) {
   EXPECT_TRUE(job.Log.Contains(kEntered));
   EXPECT_EQ(run.PollCycles, GetParam().PollCycles);
   EXPECT_EQ(job.Question.Asked, 0);
-  if (*GetParam().ExtraLine) EXPECT_TRUE(job.Log.Contains(GetParam().ExtraLine));
+  if (*GetParam().ExtraLine) {
+    EXPECT_TRUE(job.Log.Contains(GetParam().ExtraLine));
+  }
   EXPECT_EQ(run.Outcome, UploadOutcome::Cancelled);
 }
 
