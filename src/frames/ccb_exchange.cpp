@@ -25,18 +25,8 @@ bool ComposeNumber(const std::string& Payload, int32_t& Number) {
 // Takes frames from the head of the buffer; a valid frame that is not our answer is skipped.
 ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& CRC) {
   for (;;) {
-    int L = 0;
-    switch (CheckHeadFrame(RxBuffer, L)) {
-      case HeadFrame::Incomplete:
-        return ScanResult::GoOn;
-      case HeadFrame::BadCrc:
-        RxBuffer.erase(0, 1);
-        return ScanResult::GoOn;
-      case HeadFrame::Valid:
-        break;
-    }
-    const std::string Payload = RxBuffer.substr(2, L);
-    RxBuffer.erase(0, static_cast<size_t>(L) + 4);
+    std::string Payload;
+    if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return ScanResult::GoOn;
     if (Payload.size() >= 2 && static_cast<uint8_t>(Payload[0]) == CCBAnswer &&
         static_cast<uint8_t>(Payload[1]) == CommandByte) {
       return ComposeNumber(Payload, CRC) ? ScanResult::Positive : ScanResult::OutOfRange;

@@ -17,18 +17,8 @@ enum class ScanResult { GoOn, Positive };
 ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& Status,
                       bool& WaitEnded) {
   for (;;) {
-    int L = 0;
-    switch (CheckHeadFrame(RxBuffer, L)) {
-      case HeadFrame::Incomplete:
-        return ScanResult::GoOn;
-      case HeadFrame::BadCrc:
-        RxBuffer.erase(0, 1);
-        return ScanResult::GoOn;
-      case HeadFrame::Valid:
-        break;
-    }
-    const std::string Payload = RxBuffer.substr(2, L);
-    RxBuffer.erase(0, static_cast<size_t>(L) + 4);
+    std::string Payload;
+    if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return ScanResult::GoOn;
     if (Payload.size() > 2) {
       // A frame that is no answer at all, such as our own request echoed, does not shorten the wait.
       if (static_cast<uint8_t>(Payload[0]) != kAnswerMark) return ScanResult::GoOn;

@@ -37,6 +37,19 @@ HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L) {
   return HeadFrame::Valid;
 }
 
+HeadFrame TakeHeadFrame(std::string& RxBuffer, std::string& Payload) {
+  int L = 0;
+  const HeadFrame head = CheckHeadFrame(RxBuffer, L);
+  if (head == HeadFrame::BadCrc) {
+    // The bytes behind it may still hold a good frame, so only the first one goes.
+    RxBuffer.erase(0, 1);
+  } else if (head == HeadFrame::Valid) {
+    Payload = RxBuffer.substr(2, L);
+    RxBuffer.erase(0, static_cast<size_t>(L) + 4);
+  }
+  return head;
+}
+
 std::string BigEndian32(uint32_t Value) {
   return {static_cast<char>(Value >> 24), static_cast<char>(Value >> 16),
           static_cast<char>(Value >> 8), static_cast<char>(Value)};

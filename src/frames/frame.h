@@ -26,6 +26,10 @@ enum class HeadFrame {
 /// Looks at the frame at the head of `RxBuffer` without changing it; `L` gets its length byte.
 HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L);
 
+/// Takes the frame at the head of `RxBuffer`: a bad one loses its first byte only, a valid one
+/// is removed whole and its payload goes to `Payload`. An incomplete one stays as it is.
+HeadFrame TakeHeadFrame(std::string& RxBuffer, std::string& Payload);
+
 /// A number as four bytes, most significant first.
 std::string BigEndian32(uint32_t Value);
 
