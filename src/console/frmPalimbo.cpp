@@ -8,8 +8,6 @@
 #include <QDir>
 #include <QDragEnterEvent>
 #include <QDropEvent>
-#include <QFile>
-#include <QFileInfo>
 #include <QFrame>
 #include <QGroupBox>
 #include <QLabel>
@@ -126,7 +124,6 @@ class frmPalimbo::JobBridge final : public JobLog,
   void Log(const std::string& Line) override { window_.Log(Text(Line)); }
   void SetProgress(int32_t Val, int32_t Max, uint32_t Color, const std::string& Caption) override {
     window_.pctProgress->DrawProgress(Val, Max, Color, Text(Caption));
-    window_.pctProgress->repaint();
   }
   void PumpEvents() override { QCoreApplication::processEvents(); }
   bool AskYesNo(const std::string& Title, const std::string& Question) override {

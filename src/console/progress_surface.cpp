@@ -62,7 +62,7 @@ void ProgressSurface::DrawProgress(int32_t Val, int32_t Max, uint32_t Color, con
     Painter.fillRect(QRect(0, 0, std::min(Bar, Width), Height), FromColorValue(Color));
   }
   Painter.end();
-  update();
+  repaint();
 }
 
 void ProgressSurface::paintEvent(QPaintEvent* Event) {

@@ -35,7 +35,7 @@ class ProgressSurface final : public QFrame {
   void SetColors(const QColor& Back, const QColor& Fore);
 
   /// Wipes the surface, prints `Text` in its middle and lays the bar over it with the
-  /// not-xor pen, then schedules a repaint. Pumps no events.
+  /// not-xor pen, then shows the result at once. Pumps no events.
   void DrawProgress(int32_t Val, int32_t Max, uint32_t Color, const QString& Text);
 
   /// What the surface shows, one device pixel a pixel.
