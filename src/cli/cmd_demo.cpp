@@ -21,8 +21,7 @@ const char* const kUsage =
 }  // namespace
 
 int RunDemo(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed =
-      ParseArgs(Args, {{"--protocol", true}, {"--file", true}, {"--help"}});
+  const ParsedArgs parsed = ParseArgs(Args, {{"--protocol", true}, {"--file", true}, {"--help"}});
   if (parsed.Has("--help")) {
     std::cout << kUsage;
     return kExitOk;

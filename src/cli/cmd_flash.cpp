@@ -27,8 +27,8 @@ const char* const kUsage =
 }  // namespace
 
 int RunFlash(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed = ParseArgs(
-      Args, {{"--port", true}, {"--yes"}, {"--trace", true}, {"--spin"}, {"--help"}});
+  const ParsedArgs parsed =
+      ParseArgs(Args, {{"--port", true}, {"--yes"}, {"--trace", true}, {"--spin"}, {"--help"}});
   if (parsed.Has("--help")) {
     std::cout << kUsage;
     return kExitOk;

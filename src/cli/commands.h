@@ -6,9 +6,9 @@
 namespace palimbo::cli {
 
 /// Exit statuses of every subcommand.
-inline constexpr int kExitOk = 0;          ///< done (and for an upload: verified)
-inline constexpr int kExitFailed = 1;      ///< the operation failed or was cancelled
-inline constexpr int kExitUsage = 2;       ///< bad arguments, or an unreadable or invalid firmware file
+inline constexpr int kExitOk = 0;      ///< done (and for an upload: verified)
+inline constexpr int kExitFailed = 1;  ///< the operation failed or was cancelled
+inline constexpr int kExitUsage = 2;   ///< bad arguments, or an unreadable or invalid firmware file
 inline constexpr int kExitUnverified = 3;  ///< firmware written but not verified
 
 // One function per subcommand; each gets the arguments behind the subcommand's name.

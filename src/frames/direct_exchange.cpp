@@ -20,7 +20,8 @@ ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& Statu
     std::string Payload;
     if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return ScanResult::GoOn;
     if (Payload.size() > 2) {
-      // A frame that is no answer at all, such as our own request echoed, does not shorten the wait.
+      // A frame that is no answer at all, such as our own request echoed, does not shorten the
+      // wait.
       if (static_cast<uint8_t>(Payload[0]) != kAnswerMark) return ScanResult::GoOn;
       if (static_cast<uint8_t>(Payload[1]) == CommandByte && Payload[2] == 1) {
         if (Payload.size() >= 5) {

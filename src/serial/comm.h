@@ -33,6 +33,8 @@ void Comm_warten_32(SerialBackend& Port, int32_t Handle, int32_t MaxMicros);
 void EscapeCommFunction(SerialBackend& Port, int32_t Handle, int32_t Function);
 
 /// True when `PortHandle` is 0 or more.
-inline bool IsPortOpen(int32_t PortHandle) { return PortHandle >= 0; }
+inline bool IsPortOpen(int32_t PortHandle) {
+  return PortHandle >= 0;
+}
 
 }  // namespace palimbo

@@ -160,7 +160,8 @@ void SimulatedModule::OnFrame(std::string_view Payload, int64_t NowMicros,
       answer.Payload = direct ? ByteString({'R', command, 0}) : ByteString({0, command});
     // Only answers that carry a value behind their head can bring a wrong one.
     if (fault.WrongValue && answer.Payload.size() > (direct ? 3u : 2u)) {
-      answer.Payload.back() = static_cast<char>(ByteAt(answer.Payload, answer.Payload.size() - 1) + 1);
+      answer.Payload.back() =
+          static_cast<char>(ByteAt(answer.Payload, answer.Payload.size() - 1) + 1);
     }
     std::string frame = EncodeFrame(direct ? kDirectStart : kCcbStart, answer.Payload);
     if (fault.Corrupt) frame.back() = static_cast<char>(~ByteAt(frame, frame.size() - 1));

@@ -42,7 +42,11 @@ class JobContext {
  public:
   JobContext(JobLog& Log, ProgressDisplay& Progress, EventPump& Events, OperatorQuestion& Question,
              Clock& Clock, SerialBackend& Port)
-      : log_(Log), progress_(Progress), events_(Events), question_(Question), clock_(Clock),
+      : log_(Log),
+        progress_(Progress),
+        events_(Events),
+        question_(Question),
+        clock_(Clock),
         port_(Port) {}
 
   // Members the window shares with the job.

@@ -63,18 +63,19 @@ TEST_P(FlashIntoSimulate, ExitStatusLogAndFlash) {
 
 INSTANTIATE_TEST_SUITE_P(
     , FlashIntoSimulate,
-    ::testing::Values(
-        FlashCase{"Direct64KiB", {}, 65536, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
-        FlashCase{"Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
-        FlashCase{"DirectWithoutCrcIsUnverified",
-                  {"--no-crc", "--echo"},
-                  1000,
-                  3,
-                  "Unable to retrieve checksum (not supported by bootloader)"}),
+    ::testing::Values(FlashCase{"Direct64KiB", {}, 65536, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
+                      FlashCase{
+                          "Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
+                      FlashCase{"DirectWithoutCrcIsUnverified",
+                                {"--no-crc", "--echo"},
+                                1000,
+                                3,
+                                "Unable to retrieve checksum (not supported by bootloader)"}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 
 TEST(Flash, CtrlCCancelsAtTheJobsOwnExit) {
-  const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(30000)));
+  const std::string file =
+      testing::WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(30000)));
   Process module({PALIMBO_CLI, "simulate"}, testing::WriteTempFile("simulate.err", ""));
   const std::string port = module.FirstLine(5000);
   ASSERT_FALSE(port.empty());

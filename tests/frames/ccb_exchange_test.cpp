@@ -94,8 +94,8 @@ INSTANTIATE_TEST_SUITE_P(
         NumberCase{"TopBitOfFourBytesDoesNotFit", Answer(143, Bytes({0x80, 0, 0, 0})), false, -7},
         NumberCase{"FiveSignificantBytesDoNotFit", Answer(143, Bytes({1, 0, 0, 0, 0})), false, -7},
         NumberCase{"OneBytePayloadIsSkipped", BuildFrame(kCcbStartByte, CCBAnswer, ""), false, -7},
-        NumberCase{"OtherAnswerCodeIsSkipped", BuildFrame(kCcbStartByte, 141, Bytes({143})),
-                   false, -7}),
+        NumberCase{"OtherAnswerCodeIsSkipped", BuildFrame(kCcbStartByte, 141, Bytes({143})), false,
+                   -7}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 
 TEST(CcbExchange, OtherEchoThenPositiveInTheSameScan) {

@@ -17,7 +17,8 @@ constexpr int64_t kMs = 1000;
 // The request of the worked example: "C" with 00 00 01 00.
 const std::string kProbeData = Bytes({0x00, 0x00, 0x01, 0x00});
 const std::string kProbeFrame = Bytes({0x55, 0x05, 0x43, 0x00, 0x00, 0x01, 0x00, 0x44, 0x89});
-const std::string kPositiveWithStatus = Bytes({0x55, 0x05, 0x52, 0x43, 0x01, 0x12, 0x34, 0x8D, 0x9E});
+const std::string kPositiveWithStatus =
+    Bytes({0x55, 0x05, 0x52, 0x43, 0x01, 0x12, 0x34, 0x8D, 0x9E});
 const std::string kPositiveBare = Bytes({0x55, 0x03, 0x52, 0x43, 0x01, 0xBA, 0xCC});
 const std::string kNegative = Bytes({0x55, 0x03, 0x52, 0x43, 0x00, 0xE0, 0x37});
 
@@ -28,7 +29,7 @@ struct Exchange {
 };
 
 Exchange Exchanged(VirtualJob& Job, int16_t Command, const std::string& Data, int16_t Wait,
-             int32_t Status = -7) {
+                   int32_t Status = -7) {
   Job.OpenPort();
   Link link = Job.Ctx.MakeLink();
   const int64_t start = Job.NowMs();

@@ -1,6 +1,6 @@
 // The CCB upload after an "X" in the entry poll, on virtual time.
-#include <functional>
 #include <gtest/gtest.h>
+#include <functional>
 
 #include "frames/crc16.h"
 #include "frames/frame.h"
@@ -89,10 +89,10 @@ TEST_P(CcbBlocks, BlocksLengthFieldAndLogLines) {
 
 INSTANTIATE_TEST_SUITE_P(
     , CcbBlocks,
-    ::testing::Values(BlockCase{128, 1, "Programming page 0x0 to 0x80 ..", Bytes({0, 0, 0, 0x80})},
-                      BlockCase{129, 2, "Programming page 0x80 to 0x100 ..", Bytes({0, 0, 0, 0x81})},
-                      BlockCase{8065, 64, "Programming page 0x1F80 to 0x2000 ..",
-                                Bytes({0, 0, 0x1F, 0x81})}),
+    ::testing::Values(
+        BlockCase{128, 1, "Programming page 0x0 to 0x80 ..", Bytes({0, 0, 0, 0x80})},
+        BlockCase{129, 2, "Programming page 0x80 to 0x100 ..", Bytes({0, 0, 0, 0x81})},
+        BlockCase{8065, 64, "Programming page 0x1F80 to 0x2000 ..", Bytes({0, 0, 0x1F, 0x81})}),
     [](const auto& Info) { return "Length" + std::to_string(Info.param.Length); });
 
 TEST(CcbUpload, FailedCheckRestartsTheTransferWithoutANewEnter) {
@@ -113,7 +113,8 @@ TEST(CcbUpload, FailedCheckRestartsTheTransferWithoutANewEnter) {
 
 TEST(CcbUpload, CheckWithoutAnswerRestartsSilently) {
   ModuleSettings settings = Ccb();
-  for (int n = 1; n <= 10; ++n) settings.Faults.push_back(Fault{FaultKind::LoseAnswer, CCBCheck, n});
+  for (int n = 1; n <= 10; ++n)
+    settings.Faults.push_back(Fault{FaultKind::LoseAnswer, CCBCheck, n});
   SimulatedModule module(settings);
   UploadRun run(module);
   EXPECT_EQ(run.Run(TestImage(200)), UploadOutcome::Verified);
@@ -132,7 +133,8 @@ TEST(CcbUpload, RefusedBlockEndsWithoutReboot) {
   EXPECT_EQ(module.CountOf(CCBBlock), 1 + 10);
   EXPECT_EQ(module.CountOf(CCBReboot), 0);
   EXPECT_FALSE(run.Job.Line.IsOpen());
-  EXPECT_EQ(run.Job.Progress.Calls.back(), (testing::RecordingProgress::Call{0, 1, kColorBlue, ""}));
+  EXPECT_EQ(run.Job.Progress.Calls.back(),
+            (testing::RecordingProgress::Call{0, 1, kColorBlue, ""}));
 }
 
 TEST(CcbUpload, RefusedEnterRebootsAndCloses) {
@@ -180,32 +182,33 @@ TEST_P(CcbCancel, EndsAsTheClickDecides) {
 
 INSTANTIATE_TEST_SUITE_P(
     , CcbCancel,
-    ::testing::Values(
-        CancelCase{"InTheProgressOfABlock",
-                   [](const SimulatedModule&, const testing::VirtualJob& Job) {
-                     return !Job.Progress.Calls.empty() && Job.Progress.Calls.back().Val == 129;
-                   },
-                   UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
-        CancelCase{"InsideTheExchangeOfABlock",
-                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
-                     return Module.CountOf(CCBBlock) == 2;
-                   },
-                   UploadOutcome::Failed, "Transfer failed.", 0, true},
-        CancelCase{"InsideTheExchangeOfEnter",
-                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
-                     return Module.CountOf(CCBEnter) == 1;
-                   },
-                   UploadOutcome::Failed, "Entering bootloader mode.", 1, true},
-        CancelCase{"InsideTheCheck",
-                   [](const SimulatedModule& Module, const testing::VirtualJob&) {
-                     return Module.CountOf(CCBCheck) == 1;
-                   },
-                   UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
-        CancelCase{"DuringTheReboot",
-                   [](const SimulatedModule&, const testing::VirtualJob& Job) {
-                     return Job.Log.Contains("UPLOAD SUCCESSFULLY COMPLETED.");
-                   },
-                   UploadOutcome::Verified, "UPLOAD SUCCESSFULLY COMPLETED.", 1, true}),
+    ::testing::Values(CancelCase{"InTheProgressOfABlock",
+                                 [](const SimulatedModule&, const testing::VirtualJob& Job) {
+                                   return !Job.Progress.Calls.empty() &&
+                                          Job.Progress.Calls.back().Val == 129;
+                                 },
+                                 UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
+                      CancelCase{"InsideTheExchangeOfABlock",
+                                 [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                                   return Module.CountOf(CCBBlock) == 2;
+                                 },
+                                 UploadOutcome::Failed, "Transfer failed.", 0, true},
+                      CancelCase{"InsideTheExchangeOfEnter",
+                                 [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                                   return Module.CountOf(CCBEnter) == 1;
+                                 },
+                                 UploadOutcome::Failed, "Entering bootloader mode.", 1, true},
+                      CancelCase{"InsideTheCheck",
+                                 [](const SimulatedModule& Module, const testing::VirtualJob&) {
+                                   return Module.CountOf(CCBCheck) == 1;
+                                 },
+                                 UploadOutcome::Cancelled, "Operation cancelled.", 0, false},
+                      CancelCase{"DuringTheReboot",
+                                 [](const SimulatedModule&, const testing::VirtualJob& Job) {
+                                   return Job.Log.Contains("UPLOAD SUCCESSFULLY COMPLETED.");
+                                 },
+                                 UploadOutcome::Verified, "UPLOAD SUCCESSFULLY COMPLETED.", 1,
+                                 true}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 
 TEST(CcbUpload, CancelInsideTheCheckLogsTheFirstBlockAgainBeforeEnding) {

@@ -1,7 +1,7 @@
 // Page programming, verification and reboot of the direct protocol, on virtual time.
+#include <gtest/gtest.h>
 #include <algorithm>
 #include <cstdio>
-#include <gtest/gtest.h>
 
 #include "frames/crc16.h"
 #include "frames/frame.h"
@@ -118,8 +118,8 @@ TEST(DirectUpload, WithoutCrcSupportEveryPartGoesTwiceAndTheCheckIsGivenUp) {
   UploadRun run(module);
   const std::string image = TestImage(300);
   EXPECT_EQ(run.Run(image), UploadOutcome::Unverified);
-  EXPECT_TRUE(run.Job.Log.Contains(
-      "Bootloader does not support CRC checks - enabling double page write."));
+  EXPECT_TRUE(
+      run.Job.Log.Contains("Bootloader does not support CRC checks - enabling double page write."));
   EXPECT_EQ(module.CountOf('F'), 8);
   EXPECT_EQ(run.LinesEqualTo("First transfer okay.."), 4);
   EXPECT_TRUE(run.Job.Log.Contains("Unable to retrieve checksum (not supported by bootloader)"));
@@ -155,8 +155,9 @@ TEST(DirectUpload, PageWrittenWrongOnceIsRepeatedWithAllItsParts) {
   EXPECT_EQ(run.LinesEqualTo("Programming page 0x100 to 0x200 (CRC=0x" +
                              [&] {
                                char h[5];
-                               std::snprintf(h, sizeof h, "%04X",
-                                             static_cast<unsigned>(Crc16Of(image.substr(256, 256))));
+                               std::snprintf(
+                                   h, sizeof h, "%04X",
+                                   static_cast<unsigned>(Crc16Of(image.substr(256, 256))));
                                return std::string(h);
                              }() +
                              ")"),

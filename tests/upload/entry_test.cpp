@@ -95,9 +95,13 @@ INSTANTIATE_TEST_SUITE_P(
         PollCase{"LowerCaseXIsAStrayByte", {"x" + O(0, 1, 0)}, 1, ""},
         PollCase{"AnswerInThe26thCycle", Silent(25, O(0, 0, 128)), 25, ""},
         PollCase{"PageSizeZeroFallsBack", {O(0, 0, 0)}, 0, "Unsupported page size 0 - using 256."},
-        PollCase{"PageSize32768FallsBack", {O(0, 128, 0)}, 0,
+        PollCase{"PageSize32768FallsBack",
+                 {O(0, 128, 0)},
+                 0,
                  "Unsupported page size 32768 - using 256."},
-        PollCase{"PageSizeAbove16BitsFallsBack", {O(1, 0, 0)}, 0,
+        PollCase{"PageSizeAbove16BitsFallsBack",
+                 {O(1, 0, 0)},
+                 0,
                  "Unsupported page size 65536 - using 256."}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 
@@ -131,7 +135,8 @@ TEST(EntryPollRoads, NoAnswerThenNoAborts) {
   // The bar counts 0 to 25 of 26 in blue; 26 is never shown.
   ASSERT_EQ(job.Progress.Calls.size(), 26u);
   for (int i = 0; i < 26; ++i) {
-    EXPECT_EQ(job.Progress.Calls[i], (testing::RecordingProgress::Call{i, 26, kColorBlue, kPollText}));
+    EXPECT_EQ(job.Progress.Calls[i],
+              (testing::RecordingProgress::Call{i, 26, kColorBlue, kPollText}));
   }
   // 26 cycles of 400 ms behind one second of settling.
   EXPECT_GE(job.NowMs() - 1000, 1000 + 26 * 400);
@@ -144,8 +149,8 @@ TEST(EntryPollRoads, NoAnswerThenYesGoesOnWith256) {
   job.Question.Answer = true;
   RunEntry(job, module);
   const auto& lines = job.Log.Lines;
-  const auto trying = std::find(lines.begin(), lines.end(),
-                                "Failed to enter bootloader mode - TRYING ANYWAYS..");
+  const auto trying =
+      std::find(lines.begin(), lines.end(), "Failed to enter bootloader mode - TRYING ANYWAYS..");
   ASSERT_NE(trying, lines.end());
   ASSERT_NE(trying + 1, lines.end());
   EXPECT_EQ(*(trying + 1), kEntered);
@@ -209,18 +214,26 @@ TEST_P(JobEndsEarly, NeverTouchesTheModule) {
   EXPECT_EQ(job.Ctx.PortHandle, -1);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    , JobEndsEarly,
-    ::testing::Values(
-        NoJobCase{"PortCannotBeOpened", ":0100000055AA\r\n", "", UploadOutcome::PortError,
-                  {"Firmware read from file. Length 1 Bytes."}},
-        NoJobCase{"DamagedFile", ":0100000055AB\r\n", "SIM", UploadOutcome::FileError,
-                  {"Firmware read from file. Length 0 Bytes.",
-                   "Firmware file error: line 1: checksum mismatch"}},
-        NoJobCase{"NoDataRecords", ":00000001FF\r\n", "SIM", UploadOutcome::FileError,
-                  {"Firmware read from file. Length 0 Bytes.",
-                   "Firmware file error: no data records"}}),
-    [](const auto& Info) { return std::string(Info.param.Name); });
+INSTANTIATE_TEST_SUITE_P(, JobEndsEarly,
+                         ::testing::Values(NoJobCase{"PortCannotBeOpened",
+                                                     ":0100000055AA\r\n",
+                                                     "",
+                                                     UploadOutcome::PortError,
+                                                     {"Firmware read from file. Length 1 Bytes."}},
+                                           NoJobCase{
+                                               "DamagedFile",
+                                               ":0100000055AB\r\n",
+                                               "SIM",
+                                               UploadOutcome::FileError,
+                                               {"Firmware read from file. Length 0 Bytes.",
+                                                "Firmware file error: line 1: checksum mismatch"}},
+                                           NoJobCase{"NoDataRecords",
+                                                     ":00000001FF\r\n",
+                                                     "SIM",
+                                                     UploadOutcome::FileError,
+                                                     {"Firmware read from file. Length 0 Bytes.",
+                                                      "Firmware file error: no data records"}}),
+                         [](const auto& Info) { return std::string(Info.param.Name); });
 
 }  // namespace
 }  // namespace palimbo
