@@ -1,11 +1,11 @@
 // Page programming, verification and reboot of the direct protocol, on virtual time.
 #include <gtest/gtest.h>
 #include <algorithm>
-#include <cstdio>
 
 #include "frames/crc16.h"
 #include "frames/frame.h"
 #include "support/upload_run.h"
+#include "upload/hex_text.h"
 
 namespace palimbo {
 namespace {
@@ -59,10 +59,8 @@ TEST(DirectUpload, WorkedExampleOf300BytesFrameByFrame) {
   // The second page's CRC runs on through the 0xFF behind the image.
   std::string page2 = image.substr(256);
   page2.resize(256, '\xFF');
-  char expectedLine[64];
-  std::snprintf(expectedLine, sizeof expectedLine, "Programming page 0x100 to 0x200 (CRC=0x%04X)",
-                static_cast<unsigned>(Crc16Of(page2)));
-  EXPECT_EQ(run.LinesEqualTo(expectedLine), 1);
+  EXPECT_EQ(
+      run.LinesEqualTo("Programming page 0x100 to 0x200 (CRC=0x" + Hex4(Crc16Of(page2)) + ")"), 1);
 
   using Call = testing::RecordingProgress::Call;
   const auto& calls = run.Job.Progress.Calls;
@@ -152,16 +150,9 @@ TEST(DirectUpload, PageWrittenWrongOnceIsRepeatedWithAllItsParts) {
   EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
   EXPECT_EQ(module.CountOf('P'), 4);
   EXPECT_EQ(module.CountOf('F'), 8);
-  EXPECT_EQ(run.LinesEqualTo("Programming page 0x100 to 0x200 (CRC=0x" +
-                             [&] {
-                               char h[5];
-                               std::snprintf(
-                                   h, sizeof h, "%04X",
-                                   static_cast<unsigned>(Crc16Of(image.substr(256, 256))));
-                               return std::string(h);
-                             }() +
-                             ")"),
-            2);
+  const std::string line =
+      "Programming page 0x100 to 0x200 (CRC=0x" + Hex4(Crc16Of(image.substr(256, 256))) + ")";
+  EXPECT_EQ(run.LinesEqualTo(line), 2);
   EXPECT_EQ(module.CountOf('E'), 2) << "a repeated page is written without a new erase";
   EXPECT_EQ(module.Flash().substr(0, 700), image);
 }
