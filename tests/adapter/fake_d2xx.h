@@ -1,32 +1,16 @@
-// The test double of the vendor's D2XX library: a shared library with the five calls over a
-// device list that a test sets, plus counters of what the scan asked for.
+// The test double of the vendor's D2XX library: the five calls over adapters a test sets, with
+// a record of the calls made on them.
 #pragma once
 
-extern "C" {
-
-struct FakeD2xxDevice {
+struct FakeAdapter {
   const char* Description = "";
-  int NoNul = 0;             // write the description without a closing NUL
-  int DescriptionFails = 0;  // the description call fails for this index
-  int OpenExFails = 0;
-  int OpenFails = 0;
-  int NumberFails = 0;  // FT_GetComPortNumber fails
   long ComNumber = 0;
+  // The calls that fail for it: 'e' FT_OpenEx, 'o' FT_Open, 'q' the number query.
+  const char* Fails = "";
 };
 
-enum { kFakeD2xxMaxDevices = 16 };
-
-struct FakeD2xxCounters {
-  int ListCalls;
-  int OpenEx[kFakeD2xxMaxDevices];  // by the index whose description was asked for
-  int Open[kFakeD2xxMaxDevices];
-  int OpenHandles;  // opened and not closed again
-  int BadCalls;     // flags or arguments the library would refuse
-};
-
-// Replaces the device list and clears the counters. `ReportedCount` below 0 reports `Count`;
-// the count call returns `CountStatus`.
-void fake_d2xx_set_devices(const FakeD2xxDevice* Devices, int Count, long ReportedCount,
-                           unsigned long CountStatus);
-void fake_d2xx_get_counters(FakeD2xxCounters* Out);
-}
+// Replaces the adapters and clears the record.
+void fake_d2xx_set(const FakeAdapter* Adapters, int Count);
+// One word a call: "e2", "o2", "q2", "c2" for FT_OpenEx, FT_Open, the number query and FT_Close
+// on index 2; "!" for a call the vendor's library would refuse.
+const char* fake_d2xx_calls();
