@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -53,21 +54,14 @@ class Process {
       for (size_t at = 0; (at = Output.find(Text + "\n", at)) != std::string::npos; ++at) {
         if (at == 0 || Output[at - 1] == '\n' || Output[at - 1] == '\t') return true;
       }
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            until - std::chrono::steady_clock::now())
-                            .count();
-      if (left <= 0 || !ReadSome(static_cast<int>(left))) return false;
+      if (!ReadSome(MsLeft(until))) return false;
     }
   }
 
   /// The first line of stdout, waiting for it at most `TimeoutMs`.
   std::string FirstLine(int TimeoutMs) {
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMs);
-    while (Output.find('\n') == std::string::npos) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            until - std::chrono::steady_clock::now())
-                            .count();
-      if (left <= 0 || !ReadSome(static_cast<int>(left))) return "";
+    while (Output.find('\n') == std::string::npos && ReadSome(MsLeft(until))) {
     }
     return Output.substr(0, Output.find('\n'));
   }
@@ -87,6 +81,11 @@ class Process {
   std::string Output;
 
  private:
+  static int MsLeft(std::chrono::steady_clock::time_point Until) {
+    const auto left = Until - std::chrono::steady_clock::now();
+    return static_cast<int>(
+        std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(left).count()));
+  }
   bool ReadSome(int TimeoutMs) {
     pollfd p{out_, POLLIN, 0};
     if (poll(&p, 1, TimeoutMs) <= 0) return false;

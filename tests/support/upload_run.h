@@ -1,5 +1,7 @@
 #pragma once
 
+#include <map>
+#include <ostream>
 #include <string>
 
 #include "sim/simulated_module.h"
@@ -43,5 +45,44 @@ struct UploadRun {
   sim::SimulatedModule& Module;
   VirtualJob Job;
 };
+
+/// One road through an upload: the module's settings, and what the job must do on it.
+struct Road {
+  const char* Name;
+  sim::ModuleSettings Settings;
+  size_t Length;
+  UploadOutcome Outcome;
+  std::map<uint8_t, int> Commands;   ///< how often the module heard each command
+  std::map<std::string, int> Lines;  ///< how often each log line stands
+  bool Marker = false;               ///< the file carries the encryption marker
+  bool FlashHoldsImage = true;
+};
+
+inline void PrintTo(const Road& R, std::ostream* Out) {
+  *Out << R.Name;
+}
+
+inline void CheckRoad(const Road& R) {
+  sim::SimulatedModule module(R.Settings);
+  UploadRun run(module);
+  const std::string image = TestImage(R.Length);
+  EXPECT_EQ(run.Run(image, R.Marker), R.Outcome);
+  for (const auto& [command, times] : R.Commands) {
+    EXPECT_EQ(module.CountOf(command), times) << "command " << int{command};
+  }
+  for (const auto& [line, times] : R.Lines) EXPECT_EQ(run.LinesEqualTo(line), times) << line;
+  if (R.FlashHoldsImage) {
+    EXPECT_EQ(module.Flash().substr(0, image.size()), image);
+  }
+  EXPECT_FALSE(run.Job.Line.IsOpen());
+}
+
+/// Module settings with faults, and optionally without CRC support.
+inline sim::ModuleSettings Faulty(std::vector<sim::Fault> Faults, bool Crc = true) {
+  sim::ModuleSettings settings;
+  settings.Faults = std::move(Faults);
+  settings.SupportsCrc = Crc;
+  return settings;
+}
 
 }  // namespace palimbo::testing

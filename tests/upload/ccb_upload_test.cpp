@@ -95,60 +95,41 @@ INSTANTIATE_TEST_SUITE_P(
         BlockCase{8065, 64, "Programming page 0x1F80 to 0x2000 ..", Bytes({0, 0, 0x1F, 0x81})}),
     [](const auto& Info) { return "Length" + std::to_string(Info.param.Length); });
 
-TEST(CcbUpload, FailedCheckRestartsTheTransferWithoutANewEnter) {
+ModuleSettings CcbWith(std::vector<Fault> Faults, int RefuseBlock = -1) {
   ModuleSettings settings = Ccb();
-  settings.Faults.push_back(Fault{FaultKind::BadWrite, CCBBlock, 2});
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  const std::string image = TestImage(300);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
-  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 1);
-  EXPECT_EQ(run.LinesEqualTo("UPLOAD FAILED. RESTARTING!"), 1);
-  EXPECT_EQ(run.LinesEqualTo("Programming page 0x0 to 0x80 .."), 2);
-  EXPECT_EQ(module.CountOf(CCBEnter), 1);
-  EXPECT_EQ(module.CountOf(CCBBlock), 6);
-  EXPECT_EQ(module.CountOf(CCBCheck), 2);
-  EXPECT_EQ(module.Flash().substr(0, 300), image);
+  settings.Faults = std::move(Faults);
+  settings.RefuseBlock = RefuseBlock;
+  return settings;
 }
 
-TEST(CcbUpload, CheckWithoutAnswerRestartsSilently) {
-  ModuleSettings settings = Ccb();
-  for (int n = 1; n <= 10; ++n)
-    settings.Faults.push_back(Fault{FaultKind::LoseAnswer, CCBCheck, n});
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  EXPECT_EQ(run.Run(TestImage(200)), UploadOutcome::Verified);
-  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 0);
-  EXPECT_EQ(run.LinesEqualTo("Programming page 0x0 to 0x80 .."), 2);
-  EXPECT_EQ(module.CountOf(CCBCheck), 11);
+std::vector<Fault> LoseChecks(int Count) {
+  std::vector<Fault> faults;
+  for (int n = 1; n <= Count; ++n) faults.push_back(Fault{FaultKind::LoseAnswer, CCBCheck, n});
+  return faults;
 }
 
-TEST(CcbUpload, RefusedBlockEndsWithoutReboot) {
-  ModuleSettings settings = Ccb();
-  settings.RefuseBlock = 1;
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  EXPECT_EQ(run.Run(TestImage(400)), UploadOutcome::Failed);
-  EXPECT_EQ(run.Job.Log.Lines.back(), "Transfer failed.");
-  EXPECT_EQ(module.CountOf(CCBBlock), 1 + 10);
-  EXPECT_EQ(module.CountOf(CCBReboot), 0);
-  EXPECT_FALSE(run.Job.Line.IsOpen());
-  EXPECT_EQ(run.Job.Progress.Calls.back(),
-            (testing::RecordingProgress::Call{0, 1, kColorBlue, ""}));
+class CcbRoads : public ::testing::TestWithParam<testing::Road> {};
+
+TEST_P(CcbRoads, CommandsAndLines) {
+  testing::CheckRoad(GetParam());
 }
 
-TEST(CcbUpload, RefusedEnterRebootsAndCloses) {
-  ModuleSettings settings = Ccb();
-  settings.AnswerEnter = false;
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  EXPECT_EQ(run.Run(TestImage(400)), UploadOutcome::Failed);
-  EXPECT_EQ(module.CountOf(CCBEnter), 10);
-  EXPECT_EQ(module.CountOf(CCBBlock), 0);
-  EXPECT_EQ(module.CountOf(CCBReboot), 1);
-  EXPECT_FALSE(run.Job.Log.Contains("Entered bootloader mode successfully."));
-  EXPECT_FALSE(run.Job.Line.IsOpen());
-}
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(, CcbRoads, ::testing::Values(
+    // The transfer starts over from block 0 without a new CCBEnter.
+    testing::Road{"FailedCheck", CcbWith({{FaultKind::BadWrite, CCBBlock, 2}}), 300,
+        UploadOutcome::Verified, {{CCBEnter, 1}, {CCBBlock, 6}, {CCBCheck, 2}},
+        {{"CRC test of application section FAILED:", 1}, {"UPLOAD FAILED. RESTARTING!", 1},
+         {"Programming page 0x0 to 0x80 ..", 2}}},
+    testing::Road{"CheckWithoutAnswerRestartsSilently", CcbWith(LoseChecks(10)), 200,
+        UploadOutcome::Verified, {{CCBCheck, 11}},
+        {{"CRC test of application section FAILED:", 0}, {"Programming page 0x0 to 0x80 ..", 2}}},
+    // The ten tries of the exchange are all a block gets; no reboot follows.
+    testing::Road{"RefusedBlock", CcbWith({}, 1), 400, UploadOutcome::Failed,
+        {{CCBBlock, 11}, {CCBReboot, 0}}, {{"Transfer failed.", 1}}, false,
+        /*FlashHoldsImage=*/false}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+// clang-format on
 
 // Where the operator's click falls, and what the routine must do then.
 using Trigger = std::function<bool(const SimulatedModule&, const testing::VirtualJob&)>;

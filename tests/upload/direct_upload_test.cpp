@@ -109,82 +109,46 @@ INSTANTIATE_TEST_SUITE_P(
              std::to_string(Info.param.ImageLength);
     });
 
-TEST(DirectUpload, WithoutCrcSupportEveryPartGoesTwiceAndTheCheckIsGivenUp) {
-  ModuleSettings settings;
-  settings.SupportsCrc = false;
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  const std::string image = TestImage(300);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Unverified);
-  EXPECT_TRUE(
-      run.Job.Log.Contains("Bootloader does not support CRC checks - enabling double page write."));
-  EXPECT_EQ(module.CountOf('F'), 8);
-  EXPECT_EQ(run.LinesEqualTo("First transfer okay.."), 4);
-  EXPECT_TRUE(run.Job.Log.Contains("Unable to retrieve checksum (not supported by bootloader)"));
-  EXPECT_EQ(module.CountOf('S'), 1);
-  EXPECT_EQ(module.Flash().substr(0, 300), image);
+std::vector<Fault> LoseFills(int From, int To) {
+  std::vector<Fault> faults;
+  for (int n = From; n <= To; ++n) faults.push_back(Fault{FaultKind::LoseAnswer, 'F', n});
+  return faults;
 }
 
-TEST(DirectUpload, DoublePageWriteWithAFailureBetweenTheTwoTransfers) {
-  ModuleSettings settings;
-  settings.SupportsCrc = false;
-  // The second "F" of the first part is lost every time for its ten tries.
-  for (int n = 2; n <= 11; ++n) settings.Faults.push_back(Fault{FaultKind::LoseAnswer, 'F', n});
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  EXPECT_EQ(run.Run(TestImage(128)), UploadOutcome::Unverified);
-  const auto& log = run.Job.Log.Lines;
-  const auto first = std::find(log.begin(), log.end(), "First transfer okay..");
-  ASSERT_NE(first, log.end());
-  // One more positive answer after the failure completes the part: the count is kept.
-  EXPECT_EQ(*(first + 1), "TOO MANY TRIES. MODULE IS BROKEN!");
-  EXPECT_EQ(*(first + 2), "Transfer successfull..");
+class DirectRoads : public ::testing::TestWithParam<testing::Road> {};
+
+TEST_P(DirectRoads, CommandsAndLines) {
+  testing::CheckRoad(GetParam());
 }
 
-TEST(DirectUpload, PageWrittenWrongOnceIsRepeatedWithAllItsParts) {
-  ModuleSettings settings;
-  settings.Faults.push_back(Fault{FaultKind::BadWrite, 'P', 2});
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  const std::string image = TestImage(700);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
-  EXPECT_EQ(module.CountOf('P'), 4);
-  EXPECT_EQ(module.CountOf('F'), 8);
-  const std::string line =
-      "Programming page 0x100 to 0x200 (CRC=0x" + Hex4(Crc16Of(image.substr(256, 256))) + ")";
-  EXPECT_EQ(run.LinesEqualTo(line), 2);
-  EXPECT_EQ(module.CountOf('E'), 2) << "a repeated page is written without a new erase";
-  EXPECT_EQ(module.Flash().substr(0, 700), image);
-}
+const std::string kPage2Of700 = "Programming page 0x100 to 0x200 (CRC=0x" +
+                                Hex4(Crc16Of(TestImage(700).substr(256, 256))) + ")";
 
-TEST(DirectUpload, FailedFinalCheckStartsANewPagePassWithoutProbeOrErase) {
-  ModuleSettings settings;
-  settings.Faults.push_back(Fault{FaultKind::WrongValue, 'C', 2});
-  SimulatedModule module(settings);
-  UploadRun run(module);
-  const std::string image = TestImage(300);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
-  EXPECT_EQ(run.LinesEqualTo("CRC test of application section FAILED:"), 1);
-  EXPECT_EQ(run.LinesEqualTo("UPLOAD FAILED. RESTARTING!"), 1);
-  EXPECT_EQ(run.LinesEqualTo("UPLOAD SUCCESSFULLY COMPLETED."), 1);
-  EXPECT_EQ(module.CountOf('P'), 4);
-  EXPECT_EQ(module.CountOf('E'), 2);
-  EXPECT_EQ(module.CountOf('C'), 3) << "the probe once, the final check twice";
-  // The new pass starts at page 0 with the red bar from its beginning.
-  const auto& log = run.Job.Log.Lines;
-  const auto restart = std::find(log.begin(), log.end(), "UPLOAD FAILED. RESTARTING!");
-  ASSERT_NE(restart + 1, log.end());
-  EXPECT_EQ((restart + 1)->substr(0, 31), "Programming page 0x0 to 0x100 (");
-}
-
-TEST(DirectUpload, EncryptedImageWritesPagesWithD) {
-  SimulatedModule module;
-  UploadRun run(module);
-  EXPECT_EQ(run.Run(TestImage(300), /*Marker=*/true), UploadOutcome::Verified);
-  EXPECT_EQ(module.CountOf('D'), 2);
-  EXPECT_EQ(module.CountOf('P'), 0);
-  EXPECT_TRUE(run.Job.Ctx.IsEncrypted);
-}
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(, DirectRoads, ::testing::Values(
+    // Every part twice, no check, and the same reboot.
+    testing::Road{"WithoutCrcSupport", testing::Faulty({}, false), 300, UploadOutcome::Unverified,
+        {{'F', 8}, {'S', 1}},
+        {{"Bootloader does not support CRC checks - enabling double page write.", 1},
+         {"First transfer okay..", 4},
+         {"Unable to retrieve checksum (not supported by bootloader)", 1}}},
+    // One more positive answer after the failure completes the part: the count is kept.
+    testing::Road{"DoubleWriteWithAFailureBetween", testing::Faulty(LoseFills(2, 11), false), 128,
+        UploadOutcome::Unverified, {{'F', 14}},
+        {{"First transfer okay..", 2}, {"TOO MANY TRIES. MODULE IS BROKEN!", 1},
+         {"Transfer successfull..", 2}}},
+    // The page is written again with all its parts, without a new erase.
+    testing::Road{"PageWrittenWrongOnce", testing::Faulty({{FaultKind::BadWrite, 'P', 2}}), 700,
+        UploadOutcome::Verified, {{'P', 4}, {'F', 8}, {'E', 2}}, {{kPage2Of700, 2}}},
+    // A new page pass from page 0, without probe or erase.
+    testing::Road{"FailedFinalCheck", testing::Faulty({{FaultKind::WrongValue, 'C', 2}}), 300,
+        UploadOutcome::Verified, {{'P', 4}, {'E', 2}, {'C', 3}},
+        {{"CRC test of application section FAILED:", 1}, {"UPLOAD FAILED. RESTARTING!", 1},
+         {"UPLOAD SUCCESSFULLY COMPLETED.", 1}}},
+    testing::Road{"EncryptedImageWritesWithD", {}, 300, UploadOutcome::Verified,
+        {{'D', 2}, {'P', 0}}, {}, /*Marker=*/true}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+// clang-format on
 
 TEST(DirectUpload, CancelWhileProgrammingTakesTheCancelExit) {
   SimulatedModule module;

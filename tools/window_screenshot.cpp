@@ -1,5 +1,5 @@
-// Renders the window halfway through an upload to a simulated module and saves it as a PNG:
-//   console_screenshot docs/window.png
+// Renders the window halfway through an upload of the example firmware to a simulated module
+// and saves it as a PNG, for the documentation:  window_screenshot docs/window.png
 
 #include <QApplication>
 #include <QDir>
@@ -9,7 +9,7 @@
 #include <QTimer>
 #include <cstdio>
 
-#include "../support/temp_file.h"
+#include "image/hex_file.h"
 #include "adapter/port_selection.h"
 #include "console/frmPalimbo.h"
 #include "console/message_boxes.h"
@@ -32,22 +32,16 @@ class DemoScanner final : public palimbo::AdapterScanner {
 int main(int argc, char* argv[]) {
   QApplication App(argc, argv);
   if (argc < 2) {
-    std::fprintf(stderr, "usage: console_screenshot OUTPUT.png\n");
+    std::fprintf(stderr, "usage: window_screenshot OUTPUT.png\n");
     return 2;
   }
   const QString Output = QString::fromLocal8Bit(argv[1]);
 
   QTemporaryDir Store;
   QSettings Settings(Store.filePath("store.ini"), QSettings::IniFormat);
-  const QString Folder = QDir::temp().filePath("palimbo-demo");
-  QDir().mkpath(Folder);
-  const QString FirmwareFile = QDir(Folder).filePath("module_v2_4.hex");
-  std::string Image(8192, '\0');
-  for (size_t I = 0; I < Image.size(); ++I) Image[I] = static_cast<char>(I * 13 + 5);
-  QFile File(FirmwareFile);
-  File.open(QIODevice::WriteOnly);
-  File.write(QByteArray::fromStdString(palimbo::testing::HexOf(Image)));
-  File.close();
+  const QString FirmwareFile = QStringLiteral(PALIMBO_EXAMPLE_HEX);
+  bool Encrypted = false;
+  const std::string Image = palimbo::ReadHexFile(PALIMBO_EXAMPLE_HEX, Encrypted).FirmwareString;
   Settings.setValue("Settings/File", FirmwareFile);
 
   DemoScanner Scanner;
