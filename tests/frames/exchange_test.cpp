@@ -87,7 +87,9 @@ TEST_P(Exchanges, ResultValueTriesAndTime) {
   EXPECT_GE(elapsed, s.MinMs);
   EXPECT_LE(elapsed, s.MaxMs);
   EXPECT_EQ(job.Ctx.Cancel, s.Cancel) << "the exchanges only read the flag";
-  if (!s.FirstWrite.empty()) EXPECT_EQ(job.Writes().front(), s.FirstWrite);
+  if (!s.FirstWrite.empty()) {
+    EXPECT_EQ(job.Writes().front(), s.FirstWrite);
+  }
 }
 
 // clang-format off

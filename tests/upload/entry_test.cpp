@@ -81,7 +81,9 @@ TEST_P(EntryPoll, EntersTheDirectBootloaderInTheRightCycle) {
   EXPECT_EQ(PollCycles(job), GetParam().PollCycles);
   EXPECT_EQ(job.Question.Asked, 0);
   EXPECT_EQ(job.Line.DtrCount(), 1);
-  if (!GetParam().ExtraLine.empty()) EXPECT_TRUE(job.Log.Contains(GetParam().ExtraLine));
+  if (!GetParam().ExtraLine.empty()) {
+    EXPECT_TRUE(job.Log.Contains(GetParam().ExtraLine));
+  }
 }
 
 // clang-format off
