@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <ostream>
 #include <string>
@@ -36,6 +37,12 @@ struct UploadRun {
     return out;
   }
 
+  /// The last `Count` progress calls of the job.
+  std::vector<RecordingProgress::Call> LastProgress(size_t Count) const {
+    const auto& calls = Job.Progress.Calls;
+    return {calls.end() - static_cast<std::ptrdiff_t>(std::min(Count, calls.size())), calls.end()};
+  }
+
   int LinesEqualTo(const std::string& Text) const {
     int n = 0;
     for (const auto& line : Job.Log.Lines) n += line == Text;
@@ -45,6 +52,19 @@ struct UploadRun {
   sim::SimulatedModule& Module;
   VirtualJob Job;
 };
+
+/// The bar from the last two blocks or pages of `Length` bytes to the end of a verified upload:
+/// red while programming and checking, blue at the reboot, then empty.
+inline std::vector<RecordingProgress::Call> ProgressToTheEnd(int32_t Second, int32_t Length,
+                                                             const char* CheckText) {
+  return {{1, Length, kColorRed, "Programming chip.."},
+          {Second, Length, kColorRed, "Programming chip.."},
+          {0, 2, kColorRed, CheckText},
+          {0, 2, kColorRed, "Rebooting.."},
+          {1, 2, kColorBlue, "Rebooting.."},
+          {2, 2, kColorBlue, "Rebooting.."},
+          {0, 1, kColorBlue, ""}};
+}
 
 /// One road through an upload: the module's settings, and what the job must do on it.
 struct Road {
