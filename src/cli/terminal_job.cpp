@@ -1,15 +1,12 @@
 #include "cli/terminal_job.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <fstream>
 #include <iostream>
 
 #include "cli/commands.h"
+#include "cli/platform.h"
 #include "serial/clock.h"
 #include "serial/trace_backend.h"
 #include "upload/job_context.h"
@@ -18,34 +15,13 @@ namespace palimbo::cli {
 
 namespace {
 
-// Signal handlers can reach nothing but these; the pump hands the first Ctrl-C to the job.
-volatile sig_atomic_t interrupts = 0;
-volatile sig_atomic_t open_port_fd = -1;
-
-void OnInterrupt(int) {
-  interrupts = interrupts + 1;
-  if (interrupts < 2) return;
-  if (open_port_fd >= 0) close(open_port_fd);
-  static const char message[] = "\nInterrupted: port closed.\n";
-  [[maybe_unused]] const auto ignored = write(STDERR_FILENO, message, sizeof message - 1);
-  _exit(kExitFailed);
-}
-
-std::string TimeOfDay() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
-  char text[16];
-  std::strftime(text, sizeof text, "%H:%M:%S", &local);
-  return text;
-}
-
 class TerminalFrontEnd final : public JobLog,
                                public ProgressDisplay,
                                public EventPump,
                                public OperatorQuestion {
  public:
-  TerminalFrontEnd(bool AssumeYes) : assume_yes_(AssumeYes), bar_(isatty(STDERR_FILENO) != 0) {}
+  TerminalFrontEnd(bool AssumeYes, const InterruptWatch& Interrupts)
+      : interrupts_(Interrupts), assume_yes_(AssumeYes), bar_(IsTerminal(StdStream::Err)) {}
 
   void Attach(JobContext& Ctx) { ctx_ = &Ctx; }
   const std::string& LastLine() const { return last_line_; }
@@ -72,8 +48,7 @@ class TerminalFrontEnd final : public JobLog,
 
   void PumpEvents() override {
     if (ctx_ == nullptr) return;
-    open_port_fd = ctx_->PortHandle;
-    if (interrupts > 0 && !cancel_sent_) {
+    if (interrupts_.Requested() && !cancel_sent_) {
       cancel_sent_ = true;
       ctx_->Cancel = true;
       ClearBar();
@@ -88,7 +63,7 @@ class TerminalFrontEnd final : public JobLog,
     if (assume_yes_) {
       std::cerr << "yes (--yes)" << std::endl;
       yes = true;
-    } else if (isatty(STDIN_FILENO) != 0 && bar_) {
+    } else if (IsTerminal(StdStream::In) && bar_) {
       std::cerr << "[y/N] " << std::flush;
       std::string answer;
       std::getline(std::cin, answer);
@@ -130,6 +105,7 @@ class TerminalFrontEnd final : public JobLog,
   }
 
   JobContext* ctx_ = nullptr;
+  const InterruptWatch& interrupts_;
   bool assume_yes_;
   bool bar_;
   bool shown_ = false;
@@ -176,20 +152,13 @@ TerminalResult RunTerminalUpload(const TerminalUpload& Upload, SerialBackend& Po
     port = traced.get();
   }
 
-  TerminalFrontEnd terminal(Upload.AssumeYes);
+  InterruptWatch interrupts;
+  TerminalFrontEnd terminal(Upload.AssumeYes, interrupts);
   JobContext ctx(terminal, terminal, terminal, terminal, clock, *port);
   ctx.IdleWaitMicros = Upload.IdleWait ? kIdleWaitMicros : 0;
   terminal.Attach(ctx);
 
-  interrupts = 0;
-  struct sigaction action {};
-  action.sa_handler = OnInterrupt;
-  sigemptyset(&action.sa_mask);
-  struct sigaction previous {};
-  sigaction(SIGINT, &action, &previous);
   const UploadOutcome outcome = StartUpload(ctx, Upload.File, Upload.Port);
-  sigaction(SIGINT, &previous, nullptr);
-  open_port_fd = -1;
   terminal.Finish();
 
   if (outcome == UploadOutcome::FileError) {

@@ -7,22 +7,19 @@
 #include <string>
 #include <vector>
 
+#include "adapter/d2xx_library.h"
 #include "adapter/modFTDI.h"
 #include "adapter/port_selection.h"
-#include "adapter/sysfs_scanner.h"
 #include "fake_d2xx.h"
+
+#include "support/temp_file.h"
 
 namespace palimbo {
 namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh folder under the system's temporary folder, removed with everything in it.
-struct TempDir {
-  std::string Path = fs::temp_directory_path() / "palimbo-adapter-XXXXXX";
-  TempDir() { EXPECT_NE(mkdtemp(Path.data()), nullptr); }
-  ~TempDir() { fs::remove_all(Path); }
-};
+using testing::TempDir;
 
 struct ScanCase {
   const char* Name;
@@ -65,60 +62,15 @@ TEST(D2xxAdapterScanner, LibraryMissingLackingAnEntryOrAppearingLater) {
   for (const std::string& path : {dir.Path + "/absent.so", std::string(FAKE_D2XX_PARTIAL_PATH)}) {
     EXPECT_TRUE(D2xxAdapterScanner(path).ScanForAdapter().FtdiLibraryMissing) << path;
   }
-  D2xxAdapterScanner scanner(dir.Path + "/libftd2xx.so");
+  const std::string later = dir.Path + "/" + d2xx::kLibraryName;
+  D2xxAdapterScanner scanner(later);
   EXPECT_TRUE(scanner.ScanForAdapter().FtdiLibraryMissing);
-  fs::create_symlink(FAKE_D2XX_PATH, dir.Path + "/libftd2xx.so");
-  const FakeAdapter adapter = {"KV Kestrolar 7", 7};
-  fake_d2xx_set(&adapter, 1);
+  // A copy is a library of its own, which takes its adapters from the environment.
+  fs::copy_file(FAKE_D2XX_PATH, later);
+  putenv(const_cast<char*>("PALIMBO_FAKE_D2XX=KV Kestrolar 7=7"));
   const AdapterScanResult scan = scanner.ScanForAdapter();
   EXPECT_EQ(scan.ComNumber, 7);
   EXPECT_FALSE(scan.FtdiLibraryMissing);
-}
-
-struct Tty {
-  std::string Name;
-  std::string Device;   // below devices/; empty for a tty without one
-  std::string Product;  // of that device; empty where it is not on USB
-};
-
-// The tty's "device" link leads to its port, one folder below the device with the product.
-void AddTty(const fs::path& Root, const Tty& T) {
-  fs::create_directories(Root / "class/tty" / T.Name);
-  if (T.Device.empty()) return;
-  fs::create_directories(Root / "devices" / T.Device / "port");
-  fs::create_directory_symlink("../../../devices/" + T.Device + "/port",
-                               Root / "class/tty" / T.Name / "device");
-  if (!T.Product.empty()) std::ofstream(Root / "devices" / T.Device / "product") << T.Product;
-}
-
-struct SysfsCase {
-  const char* Name;
-  std::vector<Tty> Ttys;
-  std::string DevicePath;
-  std::string Description;
-};
-
-// clang-format off
-const SysfsCase kSysfsCases[] = {
-    {"OneAdapter", {{"tty0", "", ""}, {"ttyUSB0", "usb1/1-1", "KV Kestrolar 12\n"}},
-     "/dev/ttyUSB0", "KV Kestrolar 12"},
-    {"LastWins", {{"ttyUSB1", "usb1/1-1", "KV Mini-Kestrolar 1"},
-     {"ttyUSB0", "usb1/1-2", "KV PC-KESTROLAR 2"}}, "/dev/ttyUSB1", "KV Mini-Kestrolar 1"},
-    {"NoTtys", {}, "", ""},
-    {"NotOnUsbOrForeign", {{"ttyS0", "platform/serial8250", ""}, {"tty0", "", ""},
-     {"ttyUSB0", "usb1/1-1", "FT232R USB UART"}}, "", ""},
-};
-// clang-format on
-
-TEST(SysfsAdapterScanner, FindsDevicePathAndDescription) {
-  for (const SysfsCase& c : kSysfsCases) {
-    SCOPED_TRACE(c.Name);
-    TempDir root;
-    for (const Tty& tty : c.Ttys) AddTty(root.Path, tty);
-    const AdapterScanResult scan = SysfsAdapterScanner(root.Path).ScanForAdapter();
-    EXPECT_EQ(scan.DevicePath, c.DevicePath);
-    EXPECT_EQ(scan.AdapterDescription, c.Description);
-  }
 }
 
 struct ScriptedScanner final : AdapterScanner {

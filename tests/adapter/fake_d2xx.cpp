@@ -1,6 +1,8 @@
 #include "fake_d2xx.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -11,6 +13,29 @@ namespace {
 // A vendor library keeps its devices in process-wide state, and so does its stand-in.
 std::vector<FakeAdapter> adapters;
 std::string calls;
+bool set_by_test = false;
+std::vector<std::string> env_descriptions;  // the texts the adapters from the environment point at
+
+// A library that no test has set up, such as one beside the program, takes its adapters from
+// PALIMBO_FAKE_D2XX: "DESCRIPTION=COM;DESCRIPTION=COM".
+void AdaptersFromEnvironment() {
+  const char* text = std::getenv("PALIMBO_FAKE_D2XX");
+  if (set_by_test || text == nullptr) return;
+  adapters.clear();
+  env_descriptions.clear();
+  std::vector<long> numbers;
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string_view entry = rest.substr(0, rest.find(';'));
+    rest.remove_prefix(std::min(rest.size(), entry.size() + 1));
+    const size_t equals = entry.rfind('=');
+    if (equals == std::string_view::npos) continue;
+    env_descriptions.emplace_back(entry.substr(0, equals));
+    numbers.push_back(std::strtol(std::string(entry.substr(equals + 1)).c_str(), nullptr, 10));
+  }
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    adapters.push_back({env_descriptions[i].c_str(), numbers[i], ""});
+  }
+}
 
 // Handles are index + 1, so that a null handle is never valid.
 uintptr_t IndexOf(void* Handle) {
@@ -28,6 +53,7 @@ unsigned long Call(char What, uintptr_t Index) {
 void fake_d2xx_set(const FakeAdapter* Adapters, int Count) {
   adapters.assign(Adapters, Adapters + Count);
   calls.clear();
+  set_by_test = true;
 }
 
 const char* fake_d2xx_calls() {
@@ -39,6 +65,7 @@ extern "C" {
 unsigned long FT_ListDevices(void* Arg1, void* Arg2, unsigned long Flags) {
   const auto index = reinterpret_cast<uintptr_t>(Arg1);
   if (Flags == 0x80000000UL && Arg2 == nullptr) {
+    AdaptersFromEnvironment();
     *static_cast<unsigned long*>(Arg1) = adapters.size();
     return 0;
   }

@@ -1,0 +1,66 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "adapter/sysfs_scanner.h"
+
+#include "support/temp_file.h"
+
+namespace palimbo {
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::TempDir;
+
+struct Tty {
+  std::string Name;
+  std::string Device;   // below devices/; empty for a tty without one
+  std::string Product;  // of that device; empty where it is not on USB
+};
+
+// The tty's "device" link leads to its port, one folder below the device with the product.
+void AddTty(const fs::path& Root, const Tty& T) {
+  fs::create_directories(Root / "class/tty" / T.Name);
+  if (T.Device.empty()) return;
+  fs::create_directories(Root / "devices" / T.Device / "port");
+  fs::create_directory_symlink("../../../devices/" + T.Device + "/port",
+                               Root / "class/tty" / T.Name / "device");
+  if (!T.Product.empty()) std::ofstream(Root / "devices" / T.Device / "product") << T.Product;
+}
+
+struct SysfsCase {
+  const char* Name;
+  std::vector<Tty> Ttys;
+  std::string DevicePath;
+  std::string Description;
+};
+
+// clang-format off
+const SysfsCase kSysfsCases[] = {
+    {"OneAdapter", {{"tty0", "", ""}, {"ttyUSB0", "usb1/1-1", "KV Kestrolar 12\n"}},
+     "/dev/ttyUSB0", "KV Kestrolar 12"},
+    {"LastWins", {{"ttyUSB1", "usb1/1-1", "KV Mini-Kestrolar 1"},
+     {"ttyUSB0", "usb1/1-2", "KV PC-KESTROLAR 2"}}, "/dev/ttyUSB1", "KV Mini-Kestrolar 1"},
+    {"NoTtys", {}, "", ""},
+    {"NotOnUsbOrForeign", {{"ttyS0", "platform/serial8250", ""}, {"tty0", "", ""},
+     {"ttyUSB0", "usb1/1-1", "FT232R USB UART"}}, "", ""},
+};
+// clang-format on
+
+TEST(SysfsAdapterScanner, FindsDevicePathAndDescription) {
+  for (const SysfsCase& c : kSysfsCases) {
+    SCOPED_TRACE(c.Name);
+    TempDir root;
+    for (const Tty& tty : c.Ttys) AddTty(root.Path, tty);
+    const AdapterScanResult scan = SysfsAdapterScanner(root.Path).ScanForAdapter();
+    EXPECT_EQ(scan.DevicePath, c.DevicePath);
+    EXPECT_EQ(scan.AdapterDescription, c.Description);
+  }
+}
+
+}  // namespace
+}  // namespace palimbo
