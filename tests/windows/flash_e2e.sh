@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # The Windows palimbo-cli.exe under Wine flashes a module served by the Linux simulate on a
-# pseudo-terminal that Wine knows as COM7; the module's flash must equal the image, and the log
+# pseudo-terminal that Wine knows as a COM port; the module's flash must equal the image, and the log
 # must be the Linux build's apart from the time stamps and the port's name.
-# Usage: flash_e2e.sh WINDOWS_CLI LINUX_CLI direct|ccb HEX_FILE
+# Usage: flash_e2e.sh WINDOWS_CLI LINUX_CLI direct|ccb HEX_FILE COMn
 set -euo pipefail
-win_cli=$1 linux_cli=$2 protocol=$3 hex=$4
+win_cli=$1 linux_cli=$2 protocol=$3 hex=$4 com=$5
 : "${WINEPREFIX:?a Wine prefix of the tests}"
 wine=${PALIMBO_WINE:-/usr/lib/wine/wine64}
 work=$(mktemp -d)
@@ -52,10 +52,10 @@ normalise() {
 "$linux_cli" hex2bin "$hex" "$work/image.bin"
 
 start_module windows
-ln -sfn "$pts" "$WINEPREFIX/dosdevices/com7"
+ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
 win_hex="Z:$(printf '%s' "$(realpath "$hex")" | tr / '\\')"
 started=$(date +%s%N)
-if ! timeout 180 "$wine" "$win_cli" flash --port COM7 "$win_hex" >"$work/windows.log" \
+if ! timeout 180 "$wine" "$win_cli" flash --port "$com" "$win_hex" >"$work/windows.log" \
     2>"$work/windows.err"; then
   echo "Windows upload failed:" >&2
   cat "$work/windows.log" "$work/windows.err" >&2
@@ -70,7 +70,7 @@ timeout 180 "$linux_cli" flash --port "$pts" "$hex" >"$work/linux.log" 2>"$work/
 linux_ms=$((($(date +%s%N) - started) / 1000000))
 check_flash linux
 
-if ! diff <(normalise "$work/windows.log" COM7) <(normalise "$work/linux.log" "$pts"); then
+if ! diff <(normalise "$work/windows.log" "$com") <(normalise "$work/linux.log" "$pts"); then
   echo "the logs of the two builds differ" >&2
   exit 1
 fi
