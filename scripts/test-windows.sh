@@ -19,4 +19,6 @@ WINEPREFIX=$(mktemp -d)
 export PALIMBO_WINE=/usr/lib/wine/wine64
 trap '/usr/lib/wine/wineserver -k 2>/dev/null || true; rm -rf "$WINEPREFIX"' EXIT
 "$PALIMBO_WINE" wineboot -i >/dev/null 2>&1
+# One server for all the test programs, instead of one started and stopped for each.
+/usr/lib/wine/wineserver -p
 ctest --test-dir build-win --output-on-failure -j2

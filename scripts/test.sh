@@ -1,8 +1,32 @@
 #!/usr/bin/env bash
-# Builds everything and runs all tests. PALIMBO_CMAKE_ARGS=-DPALIMBO_SANITIZE=ON with another
-# build folder (scripts/test.sh build-asan) runs them under ASan and UBSan.
+# Builds everything and runs all tests: the Linux build, the Windows build under Wine, the
+# whole suite again under ASan and UBSan, and each fuzzer for a bounded time.
+# PALIMBO_TEST_PHASES picks some of them, e.g. PALIMBO_TEST_PHASES="native windows".
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${1:-build}
-scripts/setup.sh "$build"
-ctest --test-dir "$build" --output-on-failure -j2
+phases=${PALIMBO_TEST_PHASES:-native windows sanitize}
+
+timed() {
+  local started=$SECONDS
+  "$@"
+  echo "== $* took $((SECONDS - started)) s" >&2
+}
+
+native() {
+  scripts/setup.sh build
+  ctest --test-dir build --output-on-failure -j2
+}
+
+sanitize() {
+  PALIMBO_CMAKE_ARGS="-DPALIMBO_SANITIZE=ON -DPALIMBO_BENCH=OFF" scripts/setup.sh build-asan
+  ctest --test-dir build-asan --output-on-failure -j2
+}
+
+for phase in $phases; do
+  case $phase in
+    native) timed native ;;
+    windows) timed scripts/test-windows.sh build ;;
+    sanitize) timed sanitize ;;
+    *) echo "unknown phase '$phase'" >&2; exit 2 ;;
+  esac
+done
