@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-packages.sh cmake ninja-build g++ python3 libgtest-dev libgmock-dev \
-  libbenchmark-dev qt6-base-dev
+  libbenchmark-dev qt6-base-dev lintian
 
 build=${1:-build}
 shift || true
