@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -35,11 +36,14 @@ int main(int argc, char* argv[]) {
     std::fprintf(stderr, "usage: window_screenshot OUTPUT.png\n");
     return 2;
   }
-  const QString Output = QString::fromLocal8Bit(argv[1]);
+  const QString Output = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
 
+  // The picture shows the file by its name alone, not a path of the machine it was made on.
   QTemporaryDir Store;
+  const QString FirmwareFile = QStringLiteral("example.hex");
+  QFile::copy(QStringLiteral(PALIMBO_EXAMPLE_HEX), Store.filePath(FirmwareFile));
+  QDir::setCurrent(Store.path());
   QSettings Settings(Store.filePath("store.ini"), QSettings::IniFormat);
-  const QString FirmwareFile = QStringLiteral(PALIMBO_EXAMPLE_HEX);
   bool Encrypted = false;
   const std::string Image = palimbo::ReadHexFile(PALIMBO_EXAMPLE_HEX, Encrypted).FirmwareString;
   Settings.setValue("Settings/File", FirmwareFile);
