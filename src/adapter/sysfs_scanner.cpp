@@ -12,10 +12,6 @@ namespace palimbo {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// The product string of the USB device that a tty sits on, or nothing for a tty that is
-// not on USB (or has no device at all).
 std::optional<std::string> UsbProductOf(const fs::path& Top, const fs::path& TtyEntry) {
   std::error_code ec;
   fs::path dir = fs::canonical(TtyEntry / "device", ec);
@@ -33,8 +29,6 @@ std::optional<std::string> UsbProductOf(const fs::path& Top, const fs::path& Tty
   }
   return std::nullopt;
 }
-
-}  // namespace
 
 AdapterScanResult SysfsAdapterScanner::ScanForAdapter() {
   AdapterScanResult scan;

@@ -1,10 +1,18 @@
 #pragma once
 
+#include <filesystem>
+#include <optional>
 #include <string>
 
 #include "adapter/port_selection.h"
 
 namespace palimbo {
+
+/// The product string of the USB device that the tty at `TtyEntry` (a folder of
+/// `<sysfs>/class/tty`) sits on, or nothing for a tty not on USB. The walk up from the device
+/// stops at `Top`, the sysfs root.
+std::optional<std::string> UsbProductOf(const std::filesystem::path& Top,
+                                        const std::filesystem::path& TtyEntry);
 
 /// Finds a controller's adapter among the serial ports the system lists in sysfs.
 ///

@@ -8,29 +8,16 @@
 #include "adapter/sysfs_scanner.h"
 
 #include "support/temp_file.h"
+#include "sysfs_tree.h"
 
 namespace palimbo {
 namespace {
 
 namespace fs = std::filesystem;
 
+using testing::AddTty;
 using testing::TempDir;
-
-struct Tty {
-  std::string Name;
-  std::string Device;   // below devices/; empty for a tty without one
-  std::string Product;  // of that device; empty where it is not on USB
-};
-
-// The tty's "device" link leads to its port, one folder below the device with the product.
-void AddTty(const fs::path& Root, const Tty& T) {
-  fs::create_directories(Root / "class/tty" / T.Name);
-  if (T.Device.empty()) return;
-  fs::create_directories(Root / "devices" / T.Device / "port");
-  fs::create_directory_symlink("../../../devices/" + T.Device + "/port",
-                               Root / "class/tty" / T.Name / "device");
-  if (!T.Product.empty()) std::ofstream(Root / "devices" / T.Device / "product") << T.Product;
-}
+using testing::Tty;
 
 struct SysfsCase {
   const char* Name;
