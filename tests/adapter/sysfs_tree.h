@@ -9,10 +9,10 @@ namespace palimbo::testing {
 
 struct Tty {
   std::string Name;
-  std::string Device;     // below devices/; empty for a tty without one
-  std::string Product;    // of that device; empty where it is not on USB
-  std::string Subsystem;  // bus of the tty's device; empty for none
-  std::string Latency;    // the latency_timer file of the tty's device; empty for none
+  std::string Device;          // below devices/; empty for a tty without one
+  std::string Product;         // of that device; empty where it is not on USB
+  std::string Subsystem = {};  // bus of the tty's device; empty for none
+  std::string Latency = {};    // the latency_timer file of the tty's device; empty for none
 };
 
 // The tty's "device" link leads to its port, one folder below the device with the product.
