@@ -17,7 +17,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # Programs run on a bare Windows: the compiler's own runtime goes into each executable.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 # A library exports its own symbols only, not those of the runtime linked into it.
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static-libgcc -static-libstdc++ -Wl,--exclude-libs,ALL")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--exclude-libs,ALL")
 
 # Test programs are started through Wine on the build machine.
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
