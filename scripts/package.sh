@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh build
 (cd build && cpack -G DEB -B "$PWD") >&2
 
-scripts/install-packages.sh g++-mingw-w64-x86-64 googletest
+scripts/install-packages.sh g++-mingw-w64-x86-64 googletest nlohmann-json3-dev libcli11-dev
 cmake -S . -B build-win -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
   -DCMAKE_BUILD_TYPE=Release -DPALIMBO_WINDOW=OFF -DPALIMBO_BENCH=OFF >&2
 cmake --build build-win -j2 --target palimbo-cli >&2

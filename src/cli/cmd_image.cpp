@@ -6,6 +6,7 @@
 
 #include "cli/args.h"
 #include "cli/commands.h"
+#include "cli/json_line.h"
 #include "frames/crc16.h"
 #include "image/hex_file.h"
 
@@ -30,24 +31,6 @@ constexpr const char* kHex2BinUsage =
     "Options:\n"
     "  --help   show this text\n";
 
-std::string JsonEscaped(const std::string& Text) {
-  std::string out;
-  for (const char c : Text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20) {
-      char code[8];
-      std::snprintf(code, sizeof code, "\\u%04x", byte);
-      out += code;
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
 }  // namespace
 
 int RunInfo(const std::vector<std::string>& Args) {
@@ -63,7 +46,7 @@ int RunInfo(const std::vector<std::string>& Args) {
   bool encrypted = false;
   const HexReadResult read = ReadHexFile(file, encrypted);
   if (!read.Ok()) {
-    if (json) std::cout << "{\"error\": \"" << JsonEscaped(read.Reason) << "\"}\n";
+    if (json) std::cout << JsonLine({{"error", read.Reason}}) << '\n';
     std::cerr << "palimbo-cli info: " << file << ": " << read.Reason << '\n';
     return kExitUsage;
   }
@@ -72,9 +55,9 @@ int RunInfo(const std::vector<std::string>& Args) {
   const int32_t crc = Crc16Of(read.FirmwareString);
   const size_t pages = (length + kPageSize - 1) / kPageSize;
   if (json) {
-    std::cout << "{\"length\": " << length << ", \"crc\": " << crc
-              << ", \"encrypted\": " << (encrypted ? "true" : "false") << ", \"pages\": " << pages
-              << "}\n";
+    const nlohmann::json info = {
+        {"length", length}, {"crc", crc}, {"encrypted", encrypted}, {"pages", pages}};
+    std::cout << JsonLine(info) << '\n';
     return kExitOk;
   }
   char crcText[16];
