@@ -55,7 +55,7 @@ int RunInfo(const std::vector<std::string>& Args) {
   const int32_t crc = Crc16Of(read.FirmwareString);
   const size_t pages = (length + kPageSize - 1) / kPageSize;
   if (json) {
-    const nlohmann::json info = {
+    const nlohmann::ordered_json info = {
         {"length", length}, {"crc", crc}, {"encrypted", encrypted}, {"pages", pages}};
     std::cout << JsonLine(info) << '\n';
     return kExitOk;

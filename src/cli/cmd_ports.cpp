@@ -47,11 +47,11 @@ int ReportAllPorts(const PortSystemView& View, bool Json) {
   const std::vector<SerialPortReport> ports = ReportSerialPorts(View);
   if (Json) {
     for (const auto& port : ports) {
-      nlohmann::json line = {{"port", port.Port},
-                             {"description", port.UsbDescription},
-                             {"controller", port.Controller},
-                             {"may_open", port.MayOpen},
-                             {"held_by", port.HeldBy}};
+      nlohmann::ordered_json line = {{"port", port.Port},
+                                     {"description", port.UsbDescription},
+                                     {"controller", port.Controller},
+                                     {"may_open", port.MayOpen},
+                                     {"held_by", port.HeldBy}};
       if (!port.Fix.empty()) line["fix"] = port.Fix;
       if (port.LatencyTimerMs) line["latency_timer_ms"] = *port.LatencyTimerMs;
       std::cout << JsonLine(line) << '\n';
@@ -111,7 +111,8 @@ int RunPorts(const std::vector<std::string>& Args) {
   std::string label;
   const std::optional<std::string> port = FindAdapterPort(*scanner, &label);
   if (json) {
-    std::cout << JsonLine({{"label", label}, {"port", port ? nlohmann::json(*port) : nullptr}})
+    std::cout << JsonLine(
+                     {{"label", label}, {"port", port ? nlohmann::ordered_json(*port) : nullptr}})
               << '\n';
   } else {
     std::cout << "label: " << label << "\n"

@@ -33,9 +33,9 @@ TEST(CliImage, StatusOutputAndImage) {
   const std::string bin17 = std::string("\xAA\xBB", 2) + std::string(14, '\0') + "\x11";
   // clang-format off
   const std::vector<Case> cases = {
-      {{"info", "--json", "@good.hex"}, 0, R"(\{"length": 17, "crc": 6800, "encrypted": false, "pages": 1\}\n)", "^$"},
-      {{"info", "@marked.hex", "--json"}, 0, R"(\{"length": 513, "crc": 10157, "encrypted": true, "pages": 3\}\n)", "^$"},
-      {{"info", "--json", "@bad.hex"}, 2, R"(\{"error": "line 2: checksum mismatch"\}\n)", "line 2: checksum mismatch"},
+      {{"info", "--json", "@good.hex"}, 0, R"(\{"length":17,"crc":6800,"encrypted":false,"pages":1\}\n)", "^$"},
+      {{"info", "@marked.hex", "--json"}, 0, R"(\{"length":513,"crc":10157,"encrypted":true,"pages":3\}\n)", "^$"},
+      {{"info", "--json", "@bad.hex"}, 2, R"(\{"error":"line 2: checksum mismatch"\}\n)", "line 2: checksum mismatch"},
       {{"info", "@good.hex"}, 0, R"([\s\S]*Length: +17 bytes\n[\s\S]*CRC: +0x1A90 \(6800\)\nEncrypted: +no\nPages: +1 [\s\S]*)", "^$"},
       {{"info", "@missing.hex"}, 2, "", "cannot open file: No such file or directory"},
       {{"info"}, 2, "", "missing FILE"},
