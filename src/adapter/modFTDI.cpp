@@ -26,6 +26,7 @@ void* IndexArgument(int64_t Index) {
 
 int32_t modFTDI::ScanForAdapter() {
   ftdiLibraryMissing_ = false;
+  accepted_.clear();
   int32_t result = 0;
   if (library_ == nullptr) library_ = Library::Load(libraryPath_);
   if (library_ == nullptr) {
@@ -68,6 +69,7 @@ int32_t modFTDI::ScanForAdapter() {
 
     result = static_cast<int32_t>(number);
     adapterDescription_ = description;
+    accepted_.emplace_back(result, description);
   }
   return result;
 }
@@ -77,6 +79,9 @@ AdapterScanResult D2xxAdapterScanner::ScanForAdapter() {
   scan.ComNumber = module_.ScanForAdapter();
   scan.AdapterDescription = module_.AdapterDescription();
   scan.FtdiLibraryMissing = module_.FtdiLibraryMissing();
+  for (const auto& [number, description] : module_.Accepted()) {
+    if (number > 0) scan.Accepted.push_back({"COM" + std::to_string(number), description});
+  }
   return scan;
 }
 

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "adapter/d2xx_library.h"
 #include "adapter/port_selection.h"
@@ -26,12 +28,15 @@ class modFTDI {
   const std::string& AdapterDescription() const { return adapterDescription_; }
   /// True when the last scan stopped because the library was out of reach.
   bool FtdiLibraryMissing() const { return ftdiLibraryMissing_; }
+  /// Every adapter the last scan accepted, in the order of the walk, with its COM number.
+  const std::vector<std::pair<int32_t, std::string>>& Accepted() const { return accepted_; }
 
  private:
   std::string libraryPath_;
   std::unique_ptr<d2xx::Library> library_;
   std::string adapterDescription_;
   bool ftdiLibraryMissing_ = false;
+  std::vector<std::pair<int32_t, std::string>> accepted_;
 };
 
 /// The scanner with COM numbers: modFTDI over the vendor library at a given path.

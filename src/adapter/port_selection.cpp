@@ -20,6 +20,10 @@ PortRefresh TimerRefreshPort_Timer(const std::string& StartCaption, bool Automat
   return {"(No device found)", std::nullopt};
 }
 
+std::vector<AcceptedAdapter> FindAllAdapterPorts(AdapterScanner& Scanner) {
+  return Scanner.ScanForAdapter().Accepted;
+}
+
 std::optional<std::string> FindAdapterPort(AdapterScanner& Scanner, std::string* Label) {
   PortRefresh refresh = TimerRefreshPort_Timer("START", true, Scanner);
   if (Label != nullptr) *Label = refresh.Label;

@@ -4,8 +4,17 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace palimbo {
+
+/// One adapter that a scan accepted: the port the tool opens ("COM5", "/dev/ttyUSB0") and the
+/// adapter's description.
+struct AcceptedAdapter {
+  std::string Port;
+  std::string Description;
+  bool operator==(const AcceptedAdapter&) const = default;
+};
 
 /// What one scan found: the result of ScanForAdapter and the two module members read after it.
 struct AdapterScanResult {
@@ -14,6 +23,9 @@ struct AdapterScanResult {
       DevicePath;  ///< where the system gives a device path instead (/dev/ttyUSB0), else empty
   std::string AdapterDescription;
   bool FtdiLibraryMissing = false;
+  /// Every adapter this scan accepted, in the order of the walk; the last one is the result.
+  /// Adapters whose number names no port (0 or below) are left out.
+  std::vector<AcceptedAdapter> Accepted = {};
 };
 
 /// One way of finding the controller's adapter; keeps the scan's lasting state.
@@ -38,6 +50,9 @@ PortRefresh TimerRefreshPort_Timer(const std::string& StartCaption, bool Automat
 /// The scanner of this platform: the vendor library with COM numbers on Windows, the sysfs walk
 /// elsewhere.
 std::unique_ptr<AdapterScanner> MakeSystemAdapterScanner();
+
+/// Every controller adapter that one scan accepts, from the same walk as the tick's.
+std::vector<AcceptedAdapter> FindAllAdapterPorts(AdapterScanner& Scanner);
 
 /// Runs one scan as an automatic tick would and returns the port it found, if any.
 /// `Label`, when given, receives what the window's label would show.

@@ -48,6 +48,7 @@ AdapterScanResult SysfsAdapterScanner::ScanForAdapter() {
     if (!product || !IsFamilyDescription(*product)) continue;
     scan.DevicePath = "/dev/" + name;
     adapterDescription_ = *product;
+    scan.Accepted.push_back({scan.DevicePath, *product});
   }
   scan.AdapterDescription = adapterDescription_;
   return scan;

@@ -57,6 +57,25 @@ TEST(D2xxAdapterScanner, AcceptsOpensAndClosesAdapters) {
   }
 }
 
+// The command line writes into every accepted adapter; the walk gives them all, and the tick
+// still shows the last one.
+TEST(D2xxAdapterScanner, AllAcceptedAdaptersFromOneWalk) {
+  const std::vector<FakeAdapter> adapters = {{"KV MINI-KESTROLAR 1", 11},
+                                             {"FT232R USB UART", 2},
+                                             {"KV KESTROLAR 2", 9, "q"},
+                                             {"KV KESTROLAR 3", -1},
+                                             {"KV PC-Kestrolar 4", 3}};
+  fake_d2xx_set(adapters.data(), static_cast<int>(adapters.size()));
+  D2xxAdapterScanner scanner(FAKE_D2XX_PATH);
+  const std::vector<AcceptedAdapter> all = FindAllAdapterPorts(scanner);
+  const std::vector<AcceptedAdapter> expected = {{"COM11", "KV MINI-KESTROLAR 1"},
+                                                 {"COM3", "KV PC-Kestrolar 4"}};
+  EXPECT_EQ(all, expected);
+  std::string label;
+  EXPECT_EQ(FindAdapterPort(scanner, &label), "COM3");
+  EXPECT_EQ(label, "KV PC-Kestrolar 4 (COM3)");
+}
+
 TEST(D2xxAdapterScanner, LibraryMissingLackingAnEntryOrAppearingLater) {
   TempDir dir;
   for (const std::string& path : {dir.Path + "/absent.so", std::string(FAKE_D2XX_PARTIAL_PATH)}) {

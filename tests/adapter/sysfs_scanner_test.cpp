@@ -24,17 +24,18 @@ struct SysfsCase {
   std::vector<Tty> Ttys;
   std::string DevicePath;
   std::string Description;
+  size_t Accepted;  // adapters of the family in the walk; the last of them is the result
 };
 
 // clang-format off
 const SysfsCase kSysfsCases[] = {
     {"OneAdapter", {{"tty0", "", ""}, {"ttyUSB0", "usb1/1-1", "KV Kestrolar 12\n"}},
-     "/dev/ttyUSB0", "KV Kestrolar 12"},
+     "/dev/ttyUSB0", "KV Kestrolar 12", 1},
     {"LastWins", {{"ttyUSB1", "usb1/1-1", "KV Mini-Kestrolar 1"},
-     {"ttyUSB0", "usb1/1-2", "KV PC-KESTROLAR 2"}}, "/dev/ttyUSB1", "KV Mini-Kestrolar 1"},
-    {"NoTtys", {}, "", ""},
+     {"ttyUSB0", "usb1/1-2", "KV PC-KESTROLAR 2"}}, "/dev/ttyUSB1", "KV Mini-Kestrolar 1", 2},
+    {"NoTtys", {}, "", "", 0},
     {"NotOnUsbOrForeign", {{"ttyS0", "platform/serial8250", ""}, {"tty0", "", ""},
-     {"ttyUSB0", "usb1/1-1", "FT232R USB UART"}}, "", ""},
+     {"ttyUSB0", "usb1/1-1", "FT232R USB UART"}}, "", "", 0},
 };
 // clang-format on
 
@@ -46,6 +47,10 @@ TEST(SysfsAdapterScanner, FindsDevicePathAndDescription) {
     const AdapterScanResult scan = SysfsAdapterScanner(root.Path).ScanForAdapter();
     EXPECT_EQ(scan.DevicePath, c.DevicePath);
     EXPECT_EQ(scan.AdapterDescription, c.Description);
+    ASSERT_EQ(scan.Accepted.size(), c.Accepted);
+    if (c.Accepted > 0) {
+      EXPECT_EQ(scan.Accepted.back(), (AcceptedAdapter{c.DevicePath, c.Description}));
+    }
   }
 }
 
