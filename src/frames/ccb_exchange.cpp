@@ -9,29 +9,27 @@ namespace {
 
 constexpr int kTries = 10;
 
-enum class ScanResult { GoOn, Positive, OutOfRange };
-
-// Composes the number behind the echo; false when it does not fit in 31 bits.
-bool ComposeNumber(const std::string& Payload, int32_t& Number) {
+// The number behind the echo; one beyond 31 bits gives kNumberOutOfRange.
+int32_t ComposeNumber(const std::string& Payload) {
   int32_t value = 0;
   for (size_t i = 2; i < Payload.size(); ++i) {
-    if (value > 0x7FFFFF) return false;
+    if (value > 0x7FFFFF) return kNumberOutOfRange;
     value = value * 256 | static_cast<uint8_t>(Payload[i]);
   }
-  Number = value;
-  return true;
+  return value;
 }
 
 // Takes frames from the head of the buffer; a valid frame that is not our answer is skipped.
-ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& CRC) {
+bool ScanFrames(RxQueue& RxBuffer, uint8_t CommandByte, int32_t& CRC) {
+  std::string Payload;
   for (;;) {
-    std::string Payload;
-    if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return ScanResult::GoOn;
+    if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return false;
     if (Payload.size() >= 2 && static_cast<uint8_t>(Payload[0]) == CCBAnswer &&
         static_cast<uint8_t>(Payload[1]) == CommandByte) {
-      return ComposeNumber(Payload, CRC) ? ScanResult::Positive : ScanResult::OutOfRange;
+      CRC = ComposeNumber(Payload);
+      return true;
     }
-    if (RxBuffer.empty()) return ScanResult::GoOn;
+    if (RxBuffer.empty()) return false;
   }
 }
 
@@ -39,10 +37,16 @@ ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& CRC) 
 
 bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
                                 int16_t WaitForAnswer, int32_t& CRC) {
+  RxQueue RxBuffer;
+  return CCBSendCommandAndGetAnswer(Link, CommandByte, CommandString, WaitForAnswer, CRC, RxBuffer);
+}
+
+bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
+                                int16_t WaitForAnswer, int32_t& CRC, RxQueue& RxBuffer) {
   const auto command = static_cast<uint8_t>(CommandByte);
   const std::string Frame = BuildFrame(kCcbStartByte, command, CommandString);
   int64_t LastByteTime = 0;
-  std::string RxBuffer;
+  RxBuffer.clear();
   std::string Chunk;
   for (int16_t Tries = 0; Tries < kTries; ++Tries) {
     // Drain before the write, so that an answer arriving right behind it is kept.
@@ -54,19 +58,13 @@ bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::stri
       Link.Events.PumpEvents();
       ReadPass(Link, Chunk);
       if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
-      RxBuffer += Chunk;
+      RxBuffer.Append(Chunk);
       if (RxBuffer.size() >= 2) {
-        if (static_cast<uint8_t>(RxBuffer[0]) != kCcbStartByte) {
-          RxBuffer.erase(0, 1);
-        } else {
-          switch (ScanFrames(RxBuffer, command, CRC)) {
-            case ScanResult::Positive:
-              return true;
-            case ScanResult::OutOfRange:
-              return false;
-            case ScanResult::GoOn:
-              break;
-          }
+        if (RxBuffer[0] != kCcbStartByte) {
+          RxBuffer.DropFront(1);
+        } else if (ScanFrames(RxBuffer, command, CRC)) {
+          Link.LastAnswerTick = Link.Time.GetTickCount();
+          return true;
         }
       }
       DropAfterSilence(Link, LastByteTime, RxBuffer);

@@ -14,10 +14,9 @@ enum class ScanResult { GoOn, Positive };
 
 // Takes frames from the head of the buffer. `WaitEnded` becomes true when a valid frame was
 // not the positive answer, so that the same request goes out again at once.
-ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& Status,
-                      bool& WaitEnded) {
+ScanResult ScanFrames(RxQueue& RxBuffer, uint8_t CommandByte, int32_t& Status, bool& WaitEnded) {
+  std::string Payload;
   for (;;) {
-    std::string Payload;
     if (TakeHeadFrame(RxBuffer, Payload) != HeadFrame::Valid) return ScanResult::GoOn;
     if (Payload.size() > 2) {
       // A frame that is no answer at all, such as our own request echoed, does not shorten the
@@ -39,10 +38,16 @@ ScanResult ScanFrames(std::string& RxBuffer, uint8_t CommandByte, int32_t& Statu
 
 bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
                              int16_t WaitForAnswer, int32_t& Status) {
+  RxQueue RxBuffer;
+  return SendCommandAndGetAnswer(Link, CommandByte, CommandString, WaitForAnswer, Status, RxBuffer);
+}
+
+bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
+                             int16_t WaitForAnswer, int32_t& Status, RxQueue& RxBuffer) {
   const auto command = static_cast<uint8_t>(CommandByte);
   const std::string Frame = BuildFrame(kDirectStartByte, command, CommandString);
   int64_t LastByteTime = 0;
-  std::string RxBuffer;
+  RxBuffer.clear();
   std::string Chunk;
   for (int16_t Tries = 0; Tries < kTries; ++Tries) {
     Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
@@ -55,9 +60,10 @@ bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string&
       Link.Events.PumpEvents();
       ReadPass(Link, Chunk);
       if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
-      RxBuffer += Chunk;
-      if (RxBuffer.size() >= 2 && static_cast<uint8_t>(RxBuffer[0]) == kDirectStartByte &&
+      RxBuffer.Append(Chunk);
+      if (RxBuffer.size() >= 2 && RxBuffer[0] == kDirectStartByte &&
           ScanFrames(RxBuffer, command, Status, WaitEnded) == ScanResult::Positive) {
+        Link.LastAnswerTick = Link.Time.GetTickCount();
         return true;
       }
       DropAfterSilence(Link, LastByteTime, RxBuffer);

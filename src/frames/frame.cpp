@@ -25,11 +25,11 @@ std::string BuildFrame(uint8_t StartByte, uint8_t CommandByte, std::string_view 
   return frame;
 }
 
-HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L) {
+HeadFrame CheckHeadFrame(std::string_view RxBuffer, int& L) {
   // With two bytes or fewer the length is taken as 100, which is never complete yet.
   L = RxBuffer.size() > 2 ? static_cast<uint8_t>(RxBuffer[1]) : 100;
   if (RxBuffer.size() < static_cast<size_t>(L) + 4) return HeadFrame::Incomplete;
-  const int32_t crc = Crc16Of(std::string_view(RxBuffer).substr(1, static_cast<size_t>(L) + 1));
+  const int32_t crc = Crc16Of(RxBuffer.substr(1, static_cast<size_t>(L) + 1));
   if (static_cast<uint8_t>(RxBuffer[L + 2]) != crc / 256 ||
       static_cast<uint8_t>(RxBuffer[L + 3]) != (crc & 255)) {
     return HeadFrame::BadCrc;
@@ -37,15 +37,15 @@ HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L) {
   return HeadFrame::Valid;
 }
 
-HeadFrame TakeHeadFrame(std::string& RxBuffer, std::string& Payload) {
+HeadFrame TakeHeadFrame(RxQueue& RxBuffer, std::string& Payload) {
   int L = 0;
-  const HeadFrame head = CheckHeadFrame(RxBuffer, L);
+  const HeadFrame head = CheckHeadFrame(RxBuffer.View(), L);
   if (head == HeadFrame::BadCrc) {
     // The bytes behind it may still hold a good frame, so only the first one goes.
-    RxBuffer.erase(0, 1);
+    RxBuffer.DropFront(1);
   } else if (head == HeadFrame::Valid) {
-    Payload = RxBuffer.substr(2, L);
-    RxBuffer.erase(0, static_cast<size_t>(L) + 4);
+    Payload = RxBuffer.View().substr(2, static_cast<size_t>(L));
+    RxBuffer.DropFront(static_cast<size_t>(L) + 4);
   }
   return head;
 }
@@ -55,16 +55,26 @@ std::string BigEndian32(uint32_t Value) {
           static_cast<char>(Value >> 8), static_cast<char>(Value)};
 }
 
+void IdleWait(Link& Link) {
+  if (Link.IdleWaitMicros <= 0) return;
+  if (IsPortOpen(Link.PortHandle)) {
+    Comm_warten_32(Link.Port, Link.PortHandle, Link.IdleWaitMicros);
+  } else {
+    // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
+    Link.Time.Sleep(kClosedPortWaitMillis);
+  }
+}
+
 void ReadPass(Link& Link, std::string& Chunk) {
   Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
   if (!Chunk.empty() || Link.IdleWaitMicros <= 0) return;
-  Comm_warten_32(Link.Port, Link.PortHandle, Link.IdleWaitMicros);
+  IdleWait(Link);
   Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
 }
 
-void DropAfterSilence(Link& Link, int64_t LastByteTime, std::string& RxBuffer) {
+void DropAfterSilence(Link& Link, int64_t LastByteTime, RxQueue& RxBuffer) {
   if (LastByteTime + kSilenceMs < Link.Time.GetTickCount() && !RxBuffer.empty()) {
-    RxBuffer.erase(0, 1);
+    RxBuffer.DropFront(1);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "frames/link.h"
+#include "frames/rx_queue.h"
 
 namespace palimbo {
 
@@ -24,21 +25,26 @@ enum class HeadFrame {
 };
 
 /// Looks at the frame at the head of `RxBuffer` without changing it; `L` gets its length byte.
-HeadFrame CheckHeadFrame(const std::string& RxBuffer, int& L);
+HeadFrame CheckHeadFrame(std::string_view RxBuffer, int& L);
 
 /// Takes the frame at the head of `RxBuffer`: a bad one loses its first byte only, a valid one
 /// is removed whole and its payload goes to `Payload`. An incomplete one stays as it is.
-HeadFrame TakeHeadFrame(std::string& RxBuffer, std::string& Payload);
+HeadFrame TakeHeadFrame(RxQueue& RxBuffer, std::string& Payload);
 
 /// A number as four bytes, most significant first.
 std::string BigEndian32(uint32_t Value);
 
-/// One read of a receive pass. When nothing has arrived it waits on the port for at most the
-/// link's idle wait and reads once more, so a polling loop idles instead of spinning.
+/// Waits on the port for input, at most the link's idle wait, while it is open; on a closed
+/// port sleeps `kClosedPortWaitMillis` on the link's clock, so that a loop there idles too.
+/// An idle wait of 0 returns at once either way.
+void IdleWait(Link& Link);
+
+/// One read of a receive pass. When nothing has arrived it idles (`IdleWait`) and reads once
+/// more, so a polling loop idles instead of spinning.
 void ReadPass(Link& Link, std::string& Chunk);
 
 /// The inactivity rule shared by both exchanges: after more than 60 ms without a byte, one
 /// byte a pass goes from the head of the buffer.
-void DropAfterSilence(Link& Link, int64_t LastByteTime, std::string& RxBuffer);
+void DropAfterSilence(Link& Link, int64_t LastByteTime, RxQueue& RxBuffer);
 
 }  // namespace palimbo

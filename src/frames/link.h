@@ -18,6 +18,10 @@ class EventPump {
 /// Longest wait on the port in one receive pass when nothing has arrived.
 inline constexpr int32_t kIdleWaitMicros = 1000;
 
+/// Wait of one receive pass on a closed port. Nothing can arrive there, so it only paces the
+/// pumps and the clock, and a few milliseconds keep a job on a lost port nearly idle.
+inline constexpr int32_t kClosedPortWaitMillis = 5;
+
 /// What an exchange with the bootloader needs of its job: the port, the clock, the pump and
 /// the operator's cancel flag. All references point into the job's context.
 struct Link {
@@ -26,6 +30,8 @@ struct Link {
   Clock& Time;
   EventPump& Events;
   const bool& Cancel;
+  /// Tick of the module's last positive answer; each exchange sets it when it gets one.
+  int64_t& LastAnswerTick;
   /// Wait on the port per empty receive pass; 0 turns the passes into a pure spin.
   int32_t IdleWaitMicros = kIdleWaitMicros;
 };

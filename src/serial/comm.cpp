@@ -12,6 +12,8 @@ int32_t Comm_oeffnen_32(SerialBackend& Port, const std::string& Settings) {
 int16_t Comm_lesen_32(SerialBackend& Port, int32_t& Handle, std::string& Buffer) {
   Buffer.clear();
   const int32_t waiting = Port.BytesWaiting(Handle);
+  // A port that has gone away is closed here, as a short write closes it.
+  if (waiting < 0) Comm_close_32(Port, Handle);
   if (waiting <= 0) return 0;
   return Port.Read(Handle, waiting, Buffer);
 }

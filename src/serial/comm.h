@@ -15,7 +15,8 @@ inline constexpr int32_t SETDTR = 5;
 int32_t Comm_oeffnen_32(SerialBackend& Port, const std::string& Settings);
 
 /// Replaces `Buffer` by every byte waiting, possibly none. Never waits.
-/// Returns 0 when nothing was waiting, else the system read's status.
+/// Returns 0 when nothing was waiting, else the system read's status. A port that has gone
+/// away is closed, which leaves `Handle` at -1.
 int16_t Comm_lesen_32(SerialBackend& Port, int32_t& Handle, std::string& Buffer);
 
 /// Writes `Data` in one call. A short write closes the port and leaves `Handle` at -1.

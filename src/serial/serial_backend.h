@@ -10,6 +10,10 @@ namespace palimbo {
 ///
 /// A backend holds its own open ports; two backends never share one. Every call returns at
 /// once except `WaitForInput`, which waits at most the time it is given.
+///
+/// A port can go away under its user (an adapter pulled out, a line hung up). The backend
+/// notices it at a look or a write, closes the port itself and keeps the system's message in
+/// `LostReason`; `BytesWaiting` then gives -1 for that handle until it is closed.
 class SerialBackend {
  public:
   virtual ~SerialBackend() = default;
@@ -19,14 +23,20 @@ class SerialBackend {
   virtual int32_t Open(const std::string& PortName, const std::string& LineSettings) = 0;
   /// The system's reason for the last failed `Open`, for the front ends to show.
   virtual std::string LastOpenError() const = 0;
-  /// Bytes waiting in the input queue; 0 for a handle that is not open.
+  /// The system's message for the loss of the port opened last, such as "Input/output
+  /// error"; empty while it lives and after an ordinary close. Each `Open` clears it.
+  virtual std::string LostReason() const = 0;
+  /// Bytes waiting in the input queue; 0 for a handle that is not open, -1 for a port that
+  /// has gone away (the backend has closed it and `LostReason` says why).
   virtual int32_t BytesWaiting(int32_t Handle) = 0;
   /// Reads exactly `Count` bytes that are already waiting into `Buffer` (replacing it).
   /// Returns the system read's status: non-zero for success.
   virtual int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) = 0;
   /// Writes all of `Data` in one call; returns the count written, 0 for a handle not open.
+  /// A write that falls short leaves its reason in `LostReason`, as the caller then closes
+  /// the port.
   virtual int32_t Write(int32_t Handle, const std::string& Data) = 0;
-  /// Releases the port; a handle that is not open is ignored.
+  /// Releases the port; a handle that is not open, or that went away, is ignored.
   virtual void Close(int32_t Handle) = 0;
   /// Raises DTR. A port that refuses it (a pseudo-terminal does) is no failure.
   virtual void RaiseDtr(int32_t Handle) = 0;

@@ -158,6 +158,11 @@ bool RawModeTaken(const termios& Wanted, const termios& Got) {
          cfgetospeed(&Got) == cfgetospeed(&Wanted);
 }
 
+// Errors by which a port tells that it is gone: a USB adapter pulled out, a line hung up.
+bool IsLossError(int Error) {
+  return Error == EIO || Error == ENXIO || Error == ENODEV;
+}
+
 class PosixSerialBackend final : public SerialBackend {
  public:
   PosixSerialBackend() = default;
@@ -169,6 +174,7 @@ class PosixSerialBackend final : public SerialBackend {
 
   int32_t Open(const std::string& PortName, const std::string& LineSettingsText) override;
   std::string LastOpenError() const override { return last_error_; }
+  std::string LostReason() const override { return lost_reason_; }
   int32_t BytesWaiting(int32_t Handle) override;
   int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
   int32_t Write(int32_t Handle, const std::string& Data) override;
@@ -180,17 +186,26 @@ class PosixSerialBackend final : public SerialBackend {
   bool IsOpen(int32_t Handle) const {
     return Handle >= 0 && std::find(open_fds_.begin(), open_fds_.end(), Handle) != open_fds_.end();
   }
+  bool IsLost(int32_t Handle) const {
+    return Handle >= 0 && std::find(lost_fds_.begin(), lost_fds_.end(), Handle) != lost_fds_.end();
+  }
   int32_t FailOpen(int Fd, std::string Reason) {
     if (Fd >= 0) ::close(Fd);
     last_error_ = std::move(Reason);
     return -1;
   }
+  // Closes a port that has gone away and keeps why; its handle reads as lost until closed.
+  // `FdStillOpen` is false when the system no longer knows the descriptor.
+  void Lose(int32_t Handle, std::string Reason, bool FdStillOpen = true);
 
   std::vector<int> open_fds_;
+  std::vector<int> lost_fds_;
   std::string last_error_;
+  std::string lost_reason_;
 };
 
 int32_t PosixSerialBackend::Open(const std::string& PortName, const std::string& LineSettingsText) {
+  lost_reason_.clear();
   const std::string badSettings = "bad line settings '" + LineSettingsText + "'";
   // A text that does not parse fails before the device is touched, so opening raises no DTR.
   const auto wanted = ParseLineSettings(LineSettingsText);
@@ -217,14 +232,46 @@ int32_t PosixSerialBackend::Open(const std::string& PortName, const std::string&
   // Only a holder of the lock may set this, so no other holder's flag gets cleared on close.
   ::ioctl(fd, TIOCEXCL);
   open_fds_.push_back(fd);
+  // A new descriptor may carry the number of one that went away before.
+  std::erase(lost_fds_, fd);
   return fd;
 }
 
+void PosixSerialBackend::Lose(int32_t Handle, std::string Reason, bool FdStillOpen) {
+  if (FdStillOpen) {
+    ::ioctl(Handle, TIOCNXCL);
+    ::flock(Handle, LOCK_UN);
+    ::close(Handle);
+  }
+  std::erase(open_fds_, Handle);
+  lost_fds_.push_back(Handle);
+  lost_reason_ = std::move(Reason);
+}
+
 int32_t PosixSerialBackend::BytesWaiting(int32_t Handle) {
+  if (IsLost(Handle)) return -1;
   if (!IsOpen(Handle)) return 0;
   int count = 0;
-  if (::ioctl(Handle, FIONREAD, &count) != 0) return 0;
-  return std::max(count, 0);
+  if (::ioctl(Handle, FIONREAD, &count) != 0) {
+    // A hung-up terminal answers every request with EIO; other failures are no verdict.
+    if (!IsLossError(errno)) return 0;
+    Lose(Handle, std::strerror(errno));
+    return -1;
+  }
+  if (count > 0) return count;
+  // Systems whose hung-up terminals still answer FIONREAD tell it by poll.
+  pollfd probe{Handle, POLLIN, 0};
+  if (::poll(&probe, 1, 0) <= 0) return 0;
+  if ((probe.revents & POLLNVAL) != 0) {
+    Lose(Handle, "port no longer open", /*FdStillOpen=*/false);
+  } else if ((probe.revents & POLLHUP) != 0) {
+    Lose(Handle, "line hung up");
+  } else if ((probe.revents & POLLERR) != 0) {
+    Lose(Handle, "port error");
+  } else {
+    return 0;
+  }
+  return -1;
 }
 
 int16_t PosixSerialBackend::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
@@ -238,6 +285,14 @@ int16_t PosixSerialBackend::Read(int32_t Handle, int32_t Count, std::string& Buf
       got += static_cast<size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
+    } else if (n < 0 && IsLossError(errno)) {
+      // Bytes read before the loss are still delivered; the next look reports the loss.
+      Lose(Handle, std::strerror(errno));
+      if (got == 0) {
+        Buffer.clear();
+        return 0;
+      }
+      break;
     } else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && got == 0) {
       Buffer.clear();
       return 0;
@@ -261,11 +316,22 @@ int32_t PosixSerialBackend::Write(int32_t Handle, const std::string& Data) {
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    // This is an actual failure, such as an adapter pulled out or a line hung up.
-    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) break;
+    if (n < 0 && IsLossError(errno)) {
+      Lose(Handle, std::strerror(errno));
+      break;
+    }
+    // Any other failure ends the write too, and the caller closes the port for it.
+    if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+      lost_reason_ = std::strerror(errno);
+      break;
+    }
 
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) break;
+    if (left <= 0) {
+      lost_reason_ =
+          "the port took no data for " + std::to_string(kWriteTimeout.count() / 1000) + " s";
+      break;
+    }
     pollfd waitOut{Handle, POLLOUT, 0};
     ::poll(&waitOut, 1, static_cast<int>(left));
   }
@@ -273,6 +339,8 @@ int32_t PosixSerialBackend::Write(int32_t Handle, const std::string& Data) {
 }
 
 void PosixSerialBackend::Close(int32_t Handle) {
+  // The descriptor of a lost port is closed already; its number may belong to another file.
+  if (std::erase(lost_fds_, Handle) != 0) return;
   const auto it = std::find(open_fds_.begin(), open_fds_.end(), Handle);
   if (it == open_fds_.end()) return;
   // A pseudo-terminal outlives its slave's close; the flag would keep later opens out.

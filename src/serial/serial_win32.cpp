@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "serial/serial_backend.h"
@@ -34,6 +35,23 @@ std::string SystemMessage(DWORD Code) {
   return message;
 }
 
+// Errors by which a port tells that it is gone: a USB adapter pulled out, a driver that
+// dropped the device.
+bool IsLossError(DWORD Error) {
+  switch (Error) {
+    case ERROR_ACCESS_DENIED:
+    case ERROR_BAD_COMMAND:
+    case ERROR_DEVICE_NOT_CONNECTED:
+    case ERROR_DEVICE_REMOVED:
+    case ERROR_GEN_FAILURE:
+    case ERROR_INVALID_HANDLE:
+    case ERROR_OPERATION_ABORTED:
+      return true;
+    default:
+      return false;
+  }
+}
+
 class Win32SerialBackend final : public SerialBackend {
  public:
   Win32SerialBackend() = default;
@@ -47,6 +65,7 @@ class Win32SerialBackend final : public SerialBackend {
 
   int32_t Open(const std::string& PortName, const std::string& LineSettings) override;
   std::string LastOpenError() const override { return last_error_; }
+  std::string LostReason() const override { return lost_reason_; }
   int32_t BytesWaiting(int32_t Handle) override;
   int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
   int32_t Write(int32_t Handle, const std::string& Data) override;
@@ -60,12 +79,26 @@ class Win32SerialBackend final : public SerialBackend {
     if (Handle < 0 || static_cast<size_t>(Handle) >= ports_.size()) return INVALID_HANDLE_VALUE;
     return ports_[static_cast<size_t>(Handle)];
   }
+  bool IsLost(int32_t Handle) const {
+    return std::find(lost_.begin(), lost_.end(), Handle) != lost_.end();
+  }
+  // Closes a port that has gone away and keeps why; its handle reads as lost until closed.
+  void Lose(int32_t Handle, DWORD Error) {
+    ::CloseHandle(ports_[static_cast<size_t>(Handle)]);
+    ports_[static_cast<size_t>(Handle)] = INVALID_HANDLE_VALUE;
+    lost_.push_back(Handle);
+    lost_reason_ = SystemMessage(Error);
+  }
 
   std::vector<HANDLE> ports_;
+  std::vector<int32_t> lost_;
   std::string last_error_;
+  std::string lost_reason_;
 };
 
 int32_t Win32SerialBackend::Open(const std::string& PortName, const std::string& LineSettings) {
+  lost_reason_.clear();
+  lost_reason_.clear();
   const std::string path = "\\\\.\\" + PortName;
   // Share mode 0: a port another program holds cannot be opened.
   HANDLE port = ::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
@@ -89,16 +122,25 @@ int32_t Win32SerialBackend::Open(const std::string& PortName, const std::string&
   auto slot = std::find(ports_.begin(), ports_.end(), INVALID_HANDLE_VALUE);
   if (slot == ports_.end()) slot = ports_.insert(ports_.end(), INVALID_HANDLE_VALUE);
   *slot = port;
-  return static_cast<int32_t>(slot - ports_.begin());
+  const auto handle = static_cast<int32_t>(slot - ports_.begin());
+  // The slot of a port that went away is taken again only now.
+  std::erase(lost_, handle);
+  return handle;
 }
 
 int32_t Win32SerialBackend::BytesWaiting(int32_t Handle) {
+  if (IsLost(Handle)) return -1;
   const HANDLE port = Find(Handle);
   if (port == INVALID_HANDLE_VALUE) return 0;
   DWORD errors = 0;
   COMSTAT status{};
   // The error flags (overrun, framing, parity) are cleared and dropped unread.
-  ::ClearCommError(port, &errors, &status);
+  if (::ClearCommError(port, &errors, &status) == 0) {
+    const DWORD error = ::GetLastError();
+    if (!IsLossError(error)) return 0;
+    Lose(Handle, error);
+    return -1;
+  }
   return static_cast<int32_t>(
       std::min<DWORD>(status.cbInQue, static_cast<DWORD>(std::numeric_limits<int32_t>::max())));
 }
@@ -111,6 +153,11 @@ int16_t Win32SerialBackend::Read(int32_t Handle, int32_t Count, std::string& Buf
   DWORD got = 0;
   const BOOL ok = ::ReadFile(port, Buffer.data(), static_cast<DWORD>(Count), &got, nullptr);
   Buffer.resize(got);
+  if (ok == 0) {
+    const DWORD error = ::GetLastError();
+    // Bytes read before the loss are still delivered; the next look reports the loss.
+    if (IsLossError(error)) Lose(Handle, error);
+  }
   return ok ? 1 : 0;
 }
 
@@ -118,11 +165,24 @@ int32_t Win32SerialBackend::Write(int32_t Handle, const std::string& Data) {
   const HANDLE port = Find(Handle);
   if (port == INVALID_HANDLE_VALUE) return 0;
   DWORD written = 0;
-  ::WriteFile(port, Data.data(), static_cast<DWORD>(Data.size()), &written, nullptr);
+  if (::WriteFile(port, Data.data(), static_cast<DWORD>(Data.size()), &written, nullptr) == 0) {
+    const DWORD error = ::GetLastError();
+    if (IsLossError(error)) {
+      Lose(Handle, error);
+    } else {
+      // The caller closes the port for the short write; this is why.
+      lost_reason_ = SystemMessage(error);
+    }
+  } else if (written < Data.size()) {
+    lost_reason_ = "the port took " + std::to_string(written) + " of " +
+                   std::to_string(Data.size()) + " bytes";
+  }
   return static_cast<int32_t>(written);
 }
 
 void Win32SerialBackend::Close(int32_t Handle) {
+  // The system handle of a lost port is closed already.
+  if (std::erase(lost_, Handle) != 0) return;
   const HANDLE port = Find(Handle);
   if (port == INVALID_HANDLE_VALUE) return;
   ::CloseHandle(port);

@@ -15,6 +15,10 @@ std::string TraceBackend::LastOpenError() const {
   return inner_.LastOpenError();
 }
 
+std::string TraceBackend::LostReason() const {
+  return inner_.LostReason();
+}
+
 int32_t TraceBackend::BytesWaiting(int32_t Handle) {
   return inner_.BytesWaiting(Handle);
 }

@@ -9,7 +9,8 @@ SimLine::SimLine(VirtualClock& Clock, ModulePeer& Module, std::string PortName)
     : clock_(Clock), module_(Module), port_name_(std::move(PortName)) {}
 
 int32_t SimLine::Open(const std::string& PortName, const std::string& LineSettings) {
-  if (PortName != port_name_) {
+  lost_reason_.clear();
+  if (PortName != port_name_ || cut_) {
     last_error_ = "No such file or directory";
     return -1;
   }
@@ -22,6 +23,7 @@ int32_t SimLine::Open(const std::string& PortName, const std::string& LineSettin
     return -1;
   }
   open_ = true;
+  lost_ = false;
   ++open_count_;
   rx_.clear();
   return kHandle;
@@ -67,9 +69,25 @@ void SimLine::Sync() {
   }
 }
 
+void SimLine::CutAfterBytes(int64_t Count, std::string Reason) {
+  cut_after_ = std::max<int64_t>(Count, 0);
+  cut_reason_ = std::move(Reason);
+  if (cut_after_ == 0) cut_ = true;
+}
+
+void SimLine::Lose() {
+  open_ = false;
+  lost_ = true;
+  rx_.clear();
+  lost_reason_ = cut_reason_;
+}
+
 int32_t SimLine::BytesWaiting(int32_t Handle) {
+  ++looks_;
   clock_.AdvanceMicros(pass_cost_us_);
   Sync();
+  if (Valid(Handle) && cut_) Lose();
+  if (lost_ && Handle == kHandle) return -1;
   return Valid(Handle) ? static_cast<int32_t>(rx_.size()) : 0;
 }
 
@@ -85,8 +103,13 @@ int16_t SimLine::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
 int32_t SimLine::Write(int32_t Handle, const std::string& Data) {
   if (!Valid(Handle)) return 0;
   Sync();
-  const auto count =
-      static_cast<int32_t>(std::max<int64_t>(0, static_cast<int64_t>(Data.size()) - shorten_by_));
+  auto count = static_cast<int32_t>(Data.size());
+  if (cut_after_ >= 0) {
+    count = static_cast<int32_t>(std::min<int64_t>(count, cut_after_));
+    cut_after_ -= count;
+    if (cut_after_ == 0) cut_ = true;
+    if (count < static_cast<int32_t>(Data.size())) Lose();
+  }
   if (count == 0) return 0;
   const int64_t now = clock_.NowMicros();
   written_.push_back({now, Data.substr(0, count)});
@@ -97,6 +120,7 @@ int32_t SimLine::Write(int32_t Handle, const std::string& Data) {
 }
 
 void SimLine::Close(int32_t Handle) {
+  if (lost_ && Handle == kHandle) lost_ = false;
   if (!Valid(Handle)) return;
   Sync();
   open_ = false;

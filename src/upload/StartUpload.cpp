@@ -1,3 +1,4 @@
+#include "frames/frame.h"
 #include "frames/link.h"
 #include "image/hex_file.h"
 #include "serial/comm.h"
@@ -20,11 +21,12 @@ const char* const kNoResponseText =
 
 // Lets the line settle after DTR: everything the module sends in this second is dropped.
 void SettlingDrain(JobContext& Ctx) {
+  Link link = Ctx.MakeLink();
   std::string discarded;
   const int64_t T0 = Ctx.GetTickCount();
   while (T0 + 1000 > Ctx.GetTickCount()) {
     Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, discarded);
-    Comm_warten_32(Ctx.Port(), Ctx.PortHandle, Ctx.IdleWaitMicros);
+    IdleWait(link);
   }
 }
 
@@ -62,9 +64,13 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
     // Only the echo at the head of a read is ours; an "i" further on is a stray byte.
     if (!Chunk.empty() && Chunk[0] == 'i') Chunk.erase(0, 1);
     ReplyBuffer += Chunk;
-    if (ReplyBuffer.find('X') != std::string::npos) return EntryResult::Ccb;
+    if (ReplyBuffer.find('X') != std::string::npos) {
+      Ctx.LastAnswerTick = Ctx.GetTickCount();
+      return EntryResult::Ccb;
+    }
     if (ReplyBuffer.size() > 3) {
       if (ReplyBuffer[0] == 'O') {
+        Ctx.LastAnswerTick = Ctx.GetTickCount();
         PageSize = PageSizeOf(Ctx, ReplyBuffer);
         return EntryResult::Direct;
       }
@@ -80,26 +86,30 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
     return EntryResult::Refused;
   }
   Ctx.Log("Failed to enter bootloader mode - TRYING ANYWAYS..");
+  // The operator vouches for the module, so the time spent on the question is no silence.
+  Ctx.LastAnswerTick = Ctx.GetTickCount();
   PageSize = kDefaultPageSize;
   return EntryResult::Direct;
 }
 
-}  // namespace
-
-UploadOutcome StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
-                          const std::string& ComPort) {
-  Ctx.Cancel = false;
+// The roads of one job; StartUpload adds what a give-up makes of their ends.
+UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std::string& ComPort) {
   const HexReadResult read = ReadHexFile(FirmwareFile, Ctx.IsEncrypted);
   const std::string& FirmwareString = read.FirmwareString;
   Ctx.Log("Firmware read from file. Length " + std::to_string(FirmwareString.size()) + " Bytes.");
   // A module is never erased for a file that gives no image.
   if (FirmwareString.empty()) {
-    Ctx.Log("Firmware file error: " + (read.Ok() ? std::string("no data records") : read.Reason));
-    return UploadOutcome::FileError;
+    const std::string reason = read.Ok() ? std::string("no data records") : read.Reason;
+    Ctx.Log("Firmware file error: " + reason);
+    return {UploadOutcome::FileError, reason};
   }
   Ctx.PortHandle = Comm_oeffnen_32(Ctx.Port(), ComPort + ":57600,N,8,1");
   int32_t PageSize = kDefaultPageSize;
-  if (!IsPortOpen(Ctx.PortHandle)) return UploadOutcome::PortError;
+  if (!IsPortOpen(Ctx.PortHandle)) {
+    return {UploadOutcome::PortError,
+            "cannot open port " + ComPort + ": " + Ctx.Port().LastOpenError()};
+  }
+  Ctx.LastAnswerTick = Ctx.GetTickCount();
   EscapeCommFunction(Ctx.Port(), Ctx.PortHandle, SETDTR);
   Ctx.Log(ComPort + " opened.");
   SettlingDrain(Ctx);
@@ -109,9 +119,9 @@ UploadOutcome StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
     case EntryResult::Ccb:
       return StartUpload_CCBProtocol(Ctx, FirmwareString);
     case EntryResult::Cancelled:
-      return UploadOutcome::Cancelled;
+      return {UploadOutcome::Cancelled, "cancelled"};
     case EntryResult::Refused:
-      return UploadOutcome::NoBootloader;
+      return {UploadOutcome::NoBootloader, "no answer from the bootloader"};
     case EntryResult::Direct:
       break;
   }
@@ -126,6 +136,23 @@ UploadOutcome StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
   DirectUpload job{Ctx, FirmwareString, PageSize};
   ProbeAndErase(job);
   return VerifyAndReboot(job);
+}
+
+}  // namespace
+
+UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
+                         const std::string& ComPort) {
+  Ctx.Cancel = false;
+  Ctx.LastAnswerTick = -1;
+  Ctx.GiveUpReason.clear();
+  UploadResult result = RunJob(Ctx, FirmwareFile, ComPort);
+  if (Ctx.GiveUpReason.empty()) return result;
+  // A give-up ends the job the way a cancel does, and whichever road that took, the front end
+  // must learn it was given up; only an image the module had confirmed stays verified.
+  if (result.Outcome == UploadOutcome::Verified) {
+    return {UploadOutcome::Verified, "verified, then given up: " + Ctx.GiveUpReason};
+  }
+  return {UploadOutcome::GivenUp, "given up: " + Ctx.GiveUpReason};
 }
 
 }  // namespace palimbo

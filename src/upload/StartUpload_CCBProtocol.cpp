@@ -30,9 +30,11 @@ void ClosePort(JobContext& Ctx) {
 
 enum class TransferResult { Sent, Refused, Cancelled };
 
-TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& FirmwareString) {
+// `Refused` leaves the refused block's address in `BlockAddress`.
+TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& FirmwareString,
+                          int32_t& BlockAddress) {
   const auto L = static_cast<int32_t>(FirmwareString.size());
-  for (int32_t BlockAddress = 0; BlockAddress < L; BlockAddress += kBlockSize) {
+  for (BlockAddress = 0; BlockAddress < L; BlockAddress += kBlockSize) {
     Ctx.SetProgress(BlockAddress + 1, L, kColorRed, "Programming chip..");
     Ctx.Log("Programming page 0x" + HexText(BlockAddress) + " to 0x" +
             HexText(BlockAddress + kBlockSize) + " ..");
@@ -58,33 +60,40 @@ TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& Firmwa
 
 }  // namespace
 
-UploadOutcome StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString) {
-  if (!IsPortOpen(Ctx.PortHandle)) return UploadOutcome::Failed;
+UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString) {
+  if (!IsPortOpen(Ctx.PortHandle)) return {UploadOutcome::Failed, "port not open"};
   Link link = Ctx.MakeLink();
   EscapeCommFunction(Ctx.Port(), Ctx.PortHandle, SETDTR);
   int32_t scratch = 0;
   if (!CCBSendCommandAndGetAnswer(link, CCBEnter, "", kWait, scratch)) {
+    // The flag is still set when the exchange gave up for it, and then no module refused.
+    const bool cancelled = Ctx.Cancel;
     RebootSequence(Ctx, link);
     ClosePort(Ctx);
-    return UploadOutcome::Failed;
+    if (cancelled) return {UploadOutcome::Cancelled, "cancelled"};
+    return {UploadOutcome::Failed, "the bootloader did not take up the upload"};
   }
   Ctx.Log("Entered bootloader mode successfully.");
 
   const std::string LengthField = BigEndian32(static_cast<uint32_t>(FirmwareString.size()));
   int32_t AnswerCRC = 0;
   for (;;) {
-    switch (SendBlocks(Ctx, link, FirmwareString)) {
+    int32_t BlockAddress = 0;
+    switch (SendBlocks(Ctx, link, FirmwareString, BlockAddress)) {
       case TransferResult::Cancelled:
-        return UploadOutcome::Cancelled;
+        return {UploadOutcome::Cancelled, "cancelled"};
       case TransferResult::Refused:
-        return UploadOutcome::Failed;
+        // A cancel inside the block's exchange ends on this road too, with the flag still set.
+        if (Ctx.Cancel) return {UploadOutcome::Cancelled, "cancelled"};
+        return {UploadOutcome::Failed, "block 0x" + HexText(BlockAddress) + " refused"};
       case TransferResult::Sent:
         break;
     }
     CCBSendCommandAndGetAnswer(link, CCBFinish, "", kWait, scratch);
     Ctx.SetProgress(0, 2, kColorRed, "Checking chip content..");
     const int32_t ImageCRC = Crc16Of(FirmwareString);
-    // A check without an answer starts the transfer over, silently.
+    // A check without an answer starts the transfer over, silently; a number too big for
+    // any CRC differs and starts it over too.
     if (CCBSendCommandAndGetAnswer(link, CCBCheck, LengthField, kWait, AnswerCRC)) {
       if (ImageCRC == AnswerCRC) {
         Ctx.Log("CRC test of application section confirms:");
@@ -97,7 +106,7 @@ UploadOutcome StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareStrin
   }
   RebootSequence(Ctx, link);
   ClosePort(Ctx);
-  return UploadOutcome::Verified;
+  return {UploadOutcome::Verified, "verified"};
 }
 
 }  // namespace palimbo

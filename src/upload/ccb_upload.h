@@ -17,6 +17,6 @@ inline constexpr int16_t CCBCheck = 143;
 /// Writes the image into a module whose bootloader answered the entry poll with "X": enters,
 /// sends 128-byte blocks, checks the whole image (starting over while it differs), reboots
 /// and closes the port.
-UploadOutcome StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString);
+UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString);
 
 }  // namespace palimbo

@@ -87,11 +87,11 @@ bool WritePageOnce(DirectUpload& Job, Link& Link, int32_t PageAddress) {
 
 }  // namespace
 
-UploadOutcome CancelExit(JobContext& Ctx) {
+UploadResult CancelExit(JobContext& Ctx) {
   Ctx.Cancel = false;
   Ctx.Log("Operation cancelled.");
   Comm_close_32(Ctx.Port(), Ctx.PortHandle);
-  return UploadOutcome::Cancelled;
+  return {UploadOutcome::Cancelled, "cancelled"};
 }
 
 void ProbeAndErase(DirectUpload& Job) {

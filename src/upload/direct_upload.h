@@ -35,9 +35,9 @@ bool RunPagePass(DirectUpload& Job);
 
 /// Checks the whole image, starting new page passes while the module's CRC differs, then
 /// reboots the module and closes the port.
-UploadOutcome VerifyAndReboot(DirectUpload& Job);
+UploadResult VerifyAndReboot(DirectUpload& Job);
 
 /// The cancel exit of the direct upload: clears `Cancel`, logs it and closes the port.
-UploadOutcome CancelExit(JobContext& Ctx);
+UploadResult CancelExit(JobContext& Ctx);
 
 }  // namespace palimbo

@@ -6,7 +6,7 @@
 
 namespace palimbo {
 
-UploadOutcome VerifyAndReboot(DirectUpload& Job) {
+UploadResult VerifyAndReboot(DirectUpload& Job) {
   JobContext& Ctx = Job.Ctx;
   Link link = Ctx.MakeLink();
   bool UploadDone = false;
@@ -44,7 +44,10 @@ UploadOutcome VerifyAndReboot(DirectUpload& Job) {
   Ctx.Sleep(200);
   Comm_close_32(Ctx.Port(), Ctx.PortHandle);
   Ctx.SetProgress(0, 1, kColorBlue, "");
-  return verified ? UploadOutcome::Verified : UploadOutcome::Unverified;
+  if (verified) return {UploadOutcome::Verified, "verified"};
+  // A cancel in the check makes it fail like a bootloader without it; the flag tells them apart.
+  if (Ctx.Cancel) return {UploadOutcome::Unverified, "written; the check was cancelled"};
+  return {UploadOutcome::Unverified, "written; the bootloader cannot report the checksum"};
 }
 
 }  // namespace palimbo

@@ -37,7 +37,8 @@ class OperatorQuestion {
 /// Everything an upload job reaches: the window's shared members and the job's surroundings.
 ///
 /// One context per window (or command line, or test); two contexts never meet, so several
-/// jobs can run in one process. Nested handlers change only `Cancel` and `QUnload`.
+/// jobs can run in one process. Nested handlers change only `Cancel` and `QUnload`; a front
+/// end's `GiveUpWatch` also sets `GiveUpReason`.
 class JobContext {
  public:
   JobContext(JobLog& Log, ProgressDisplay& Progress, EventPump& Events, OperatorQuestion& Question,
@@ -56,6 +57,13 @@ class JobContext {
   int32_t PortHandle = -1;
   /// Wait on the port per empty receive pass; 0 makes every wait a pure spin.
   int32_t IdleWaitMicros = kIdleWaitMicros;
+  /// Tick of the module's last positive answer: an exchange's, or "O" or "X" in the entry
+  /// poll. A job sets it to -1 when it starts and to the tick of opening its port after that,
+  /// so its age is how long the module has been silent.
+  int64_t LastAnswerTick = -1;
+  /// Why the front end gave up on the job (`GiveUpWatch` sets it together with `Cancel`);
+  /// empty when it did not. A job clears it when it starts.
+  std::string GiveUpReason;
 
   void Log(const std::string& Text) { log_.Log(Text); }
   /// Repaints the bar and then pumps events, as the window's own `SetProgress` does.
@@ -73,7 +81,9 @@ class JobContext {
   SerialBackend& Port() { return port_; }
   Clock& GetClock() { return clock_; }
   /// The view of this context that the frame exchanges use.
-  Link MakeLink() { return Link{port_, PortHandle, clock_, events_, Cancel, IdleWaitMicros}; }
+  Link MakeLink() {
+    return Link{port_, PortHandle, clock_, events_, Cancel, LastAnswerTick, IdleWaitMicros};
+  }
 
  private:
   JobLog& log_;

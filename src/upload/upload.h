@@ -15,12 +15,26 @@ enum class UploadOutcome {
   NoBootloader,  ///< the bootloader did not answer and the operator said No
   Cancelled,     ///< the job took its cancel exit
   Failed,        ///< the module refused the upload (a block, or the entry)
+  GivenUp,       ///< the front end gave up on the job (`JobContext::GiveUpReason`), whatever
+                 ///< road the job then took
+};
+
+/// How a job ended, and why in a few words for the operator: "line 3: checksum mismatch",
+/// "cannot open port COM7: Access is denied", "block 0x80 refused", "cancelled",
+/// "given up: no answer from the module for 60 s".
+struct UploadResult {
+  UploadOutcome Outcome;
+  std::string Reason;
 };
 
 /// The upload job: reads `FirmwareFile`, opens `ComPort`, brings the bootloader to answer and
 /// writes the image with whichever protocol it speaks. Returns when the job is over; all it
 /// tells the operator goes through the context's log and progress bar.
-UploadOutcome StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
-                          const std::string& ComPort);
+///
+/// A job that the front end gave up on ends as `GivenUp` with "given up: " and the reason,
+/// unless the module had confirmed the image before: that stays `Verified`, and the reason
+/// tells of the give-up after it.
+UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
+                         const std::string& ComPort);
 
 }  // namespace palimbo

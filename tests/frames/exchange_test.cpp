@@ -75,6 +75,7 @@ TEST_P(Exchanges, ResultValueTriesAndTime) {
   job.Line.SetPacketDelivery(s.Packets);
   job.OpenPort();
   job.Ctx.Cancel = s.Cancel;
+  job.Ctx.LastAnswerTick = 3;
   Link link = job.Ctx.MakeLink();
   int32_t value = -7;
   const int64_t start = job.NowMs();
@@ -82,6 +83,8 @@ TEST_P(Exchanges, ResultValueTriesAndTime) {
                                : SendCommandAndGetAnswer(link, s.Command, s.Data, s.Wait, value);
   const int64_t elapsed = job.NowMs() - start;
   EXPECT_EQ(result, s.Result);
+  // The positive answer is found in the call's last pass, at its last tick.
+  EXPECT_EQ(job.Ctx.LastAnswerTick, s.Result ? job.NowMs() : 3);
   EXPECT_EQ(value, s.Value);
   EXPECT_EQ(job.Writes().size(), s.Writes);
   EXPECT_GE(elapsed, s.MinMs);
@@ -141,8 +144,16 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{"CcbLargestNumber", true, 143, kCheck,
                  {{kEvery, 10, Ccb(143, Bytes({0x7F, 0xFF, 0xFF, 0xFF}))}}, true, 0x7FFFFFFF, 1, 15,
                  20, 1000},
-        Scenario{"CcbNumberTooBigFails", true, 143, kCheck,
-                 {{kEvery, 10, Ccb(143, Bytes({0x80, 0, 0, 0}))}}, false, -7, 1, 15, 20, 1000},
+        Scenario{"CcbLargestNumberInFiveBytes", true, 143, kCheck,
+                 {{kEvery, 10, Ccb(143, Bytes({0, 0x7F, 0xFF, 0xFF, 0xFF}))}}, true, 0x7FFFFFFF, 1,
+                 15, 20, 1000},
+        // A number beyond 31 bits is still a positive answer, with a value no CRC has.
+        Scenario{"CcbNumberOf32BitsMatchesNoCrc", true, 143, kCheck,
+                 {{kEvery, 10, Ccb(143, Bytes({0x80, 0, 0, 0}))}}, true, kNumberOutOfRange, 1, 15,
+                 20, 1000},
+        Scenario{"CcbNumberOfFiveBytesMatchesNoCrc", true, 143, kCheck,
+                 {{kEvery, 10, Ccb(143, Bytes({1, 0, 0, 0x12, 0x34}))}}, true, kNumberOutOfRange, 1,
+                 15, 20, 1000},
         Scenario{"CcbOtherEchoThenPositiveInOneScan", true, 143, kCheck,
                  {{kEvery, 10, Ccb(139, "") + kCheckAnswer}}, true, 0x1234, 1, 15, 21, 1000},
         Scenario{"CcbSkippedFramesKeepWaiting", true, 143, kCheck,
@@ -174,6 +185,132 @@ TEST(ExchangeIdleWait, DoesNotChangeWhatIsSeen) {
     EXPECT_LE(job.NowMs(), 1000 + 16) << idle;
   }
 }
+
+// The line is cut (an adapter pulled out) while the module would answer every request at
+// once: the exchange finds the port gone, closes it, and runs out its tries idling.
+struct LostCase {
+  const char* Name;
+  bool UseCcb;
+  int64_t CutAfter;  // bytes the line carries before the cut
+  size_t Writes;     // chunks that reached the line
+  int MinMs, MaxMs;
+};
+
+void PrintTo(const LostCase& C, std::ostream* Out) {
+  *Out << C.Name;
+}
+
+class ExchangeOnACutLine : public ::testing::TestWithParam<LostCase> {};
+
+TEST_P(ExchangeOnACutLine, FailsClosesAndIdles) {
+  const LostCase& c = GetParam();
+  testing::ScriptedPeer module;
+  module.OnReceive = [&](std::string_view, int64_t Now, std::vector<sim::Emission>& Out) {
+    Out.push_back({Now + 10'000, c.UseCcb ? kEnterAnswer : kPositive});
+  };
+  testing::VirtualJob job(module);
+  job.OpenPort();
+  job.Line.CutAfterBytes(c.CutAfter, "unplugged");
+  Link link = job.Ctx.MakeLink();
+  int32_t value = -7;
+  const int64_t start = job.NowMs();
+  const int64_t looksBefore = job.Line.Looks();
+  const bool result = c.UseCcb ? CCBSendCommandAndGetAnswer(link, 138, "", 1000, value)
+                               : SendCommandAndGetAnswer(link, 'C', kProbe, 250, value);
+  const int64_t elapsed = job.NowMs() - start;
+  EXPECT_FALSE(result);
+  EXPECT_EQ(value, -7);
+  EXPECT_EQ(job.Ctx.PortHandle, -1);
+  EXPECT_EQ(job.Line.LostReason(), "unplugged");
+  EXPECT_EQ(job.Writes().size(), c.Writes);
+  EXPECT_GE(elapsed, c.MinMs);
+  EXPECT_LE(elapsed, c.MaxMs);
+  // One pass every few milliseconds, each looking at most twice; a spinning pass looks every
+  // few microseconds of the line's time.
+  EXPECT_LE(job.Line.Looks() - looksBefore, elapsed / 2 + 40);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(, ExchangeOnACutLine, ::testing::Values(
+    // Each try may run a few milliseconds long: its passes are a closed port's.
+    LostCase{"DirectCutBeforeTheFrame", false, 0, 0, 2550, 2610},
+    LostCase{"DirectCutInsideTheFrame", false, 4, 1, 2550, 2610},
+    LostCase{"DirectCutBehindTheFrame", false, 9, 1, 2550, 2610},
+    LostCase{"CcbCutBeforeTheFrame", true, 0, 0, 10050, 10110},
+    LostCase{"CcbCutBehindTheFrame", true, 5, 1, 10050, 10110}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+// clang-format on
+
+// A module that floods the line from the first request on, for 10 s at line speed. The
+// exchange must end as the rules say, and its buffer must cost no more than what arrived
+// during the call, with work linear in it.
+struct FloodCase {
+  const char* Name;
+  bool UseCcb;
+  std::string Pattern;  // repeated for the whole flood
+  int MinMs, MaxMs;
+  size_t PeakMax;  // most bytes the receive buffer may hold at once
+};
+
+void PrintTo(const FloodCase& C, std::ostream* Out) {
+  *Out << C.Name;
+}
+
+class ExchangeUnderAFlood : public ::testing::TestWithParam<FloodCase> {};
+
+constexpr int64_t kFloodBytes = 57600;  // 10 s at 57600 baud
+
+TEST_P(ExchangeUnderAFlood, EndsWithBoundedBufferAndLinearWork) {
+  const FloodCase& c = GetParam();
+  std::string flood;
+  while (static_cast<int64_t>(flood.size()) < kFloodBytes) flood += c.Pattern;
+  flood.resize(kFloodBytes);
+  testing::ScriptedPeer module;
+  module.OnReceive = [&, started = false](std::string_view, int64_t Now,
+                                          std::vector<sim::Emission>& Out) mutable {
+    if (!started) Out.push_back({Now, flood});
+    started = true;
+  };
+  testing::VirtualJob job(module);
+  job.OpenPort();
+  Link link = job.Ctx.MakeLink();
+  RxQueue rx;
+  int32_t value = -7;
+  const int64_t start = job.NowMs();
+  const bool result = c.UseCcb ? CCBSendCommandAndGetAnswer(link, 143, kCheck, 2000, value, rx)
+                               : SendCommandAndGetAnswer(link, 'C', kProbe, 2000, value, rx);
+  const int64_t elapsed = job.NowMs() - start;
+  EXPECT_FALSE(result);
+  EXPECT_EQ(value, -7);
+  EXPECT_GE(elapsed, c.MinMs);
+  EXPECT_LE(elapsed, c.MaxMs);
+  EXPECT_EQ(job.Line.Sent().size(), static_cast<size_t>(kFloodBytes));
+  EXPECT_LE(rx.PeakSize(), c.PeakMax);
+  EXPECT_LE(rx.BytesMoved(), static_cast<uint64_t>(kFloodBytes));
+}
+
+std::string NeverPositiveDirect() {
+  return Direct(Bytes({'R', 'E', 1}));  // answers another command
+}
+std::string NeverPositiveCcb() {
+  return Ccb(139, Bytes({0x12, 0x34}));  // echoes another command
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(, ExchangeUnderAFlood, ::testing::Values(
+    // No start byte at the head: the direct exchange keeps all until 60 ms of silence.
+    FloodCase{"DirectZeros", false, Bytes({0}), 20050, 20060, kFloodBytes},
+    // A start byte and a length at every head: one bad frame a pass, one byte dropped each.
+    FloodCase{"DirectStartBytes", false, Bytes({0x55}), 20050, 20060, 0x55 + 8},
+    // The first frame ends its try at once; the next try's drain cuts into the stream, whose
+    // head then waits in vain for silence.
+    FloodCase{"DirectNeverPositive", false, NeverPositiveDirect(), 18050, 18100, kFloodBytes},
+    FloodCase{"CcbZeros", true, Bytes({0}), 20050, 20060, 8},
+    FloodCase{"CcbStartBytes", true, Bytes({0x53}), 20050, 20060, 0x53 + 8},
+    // Skipped frames cost no try: the call runs its full time.
+    FloodCase{"CcbNeverPositive", true, NeverPositiveCcb(), 20050, 20060, 64}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
+// clang-format on
 
 }  // namespace
 }  // namespace palimbo

@@ -23,7 +23,7 @@ inline std::string TestImage(size_t Length) {
 struct UploadRun {
   explicit UploadRun(sim::SimulatedModule& Module) : Module(Module), Job(Module) {}
 
-  UploadOutcome Run(const std::string& Image, bool Marker = false) {
+  UploadResult Run(const std::string& Image, bool Marker = false) {
     const std::string file = WriteTempFile("fw.hex", HexOf(Image, Marker));
     return StartUpload(Job.Ctx, file, "SIM");
   }
@@ -76,6 +76,7 @@ struct Road {
   std::map<std::string, int> Lines;  ///< how often each log line stands
   bool Marker = false;               ///< the file carries the encryption marker
   bool FlashHoldsImage = true;
+  const char* Reason = nullptr;  ///< the result's reason, where a row names it
 };
 
 inline void PrintTo(const Road& R, std::ostream* Out) {
@@ -86,7 +87,11 @@ inline void CheckRoad(const Road& R) {
   sim::SimulatedModule module(R.Settings);
   UploadRun run(module);
   const std::string image = TestImage(R.Length);
-  EXPECT_EQ(run.Run(image, R.Marker), R.Outcome);
+  const UploadResult result = run.Run(image, R.Marker);
+  EXPECT_EQ(result.Outcome, R.Outcome);
+  if (R.Reason != nullptr) {
+    EXPECT_EQ(result.Reason, R.Reason);
+  }
   for (const auto& [command, times] : R.Commands) {
     EXPECT_EQ(module.CountOf(command), times) << "command " << int{command};
   }

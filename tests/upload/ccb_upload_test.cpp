@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <functional>
 
+#include "frames/ccb_exchange.h"
 #include "frames/crc16.h"
 #include "frames/frame.h"
 #include "support/upload_run.h"
@@ -33,7 +34,9 @@ TEST(CcbUpload, WorkedExampleOf130BytesByteForByte) {
   SimulatedModule module(Ccb());
   UploadRun run(module);
   const std::string image = TestImage(130);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  const UploadResult result = run.Run(image);
+  EXPECT_EQ(result.Outcome, UploadOutcome::Verified);
+  EXPECT_EQ(result.Reason, "verified");
   const std::vector<std::string> expected = {
       Bytes({0x53, 0x01, 0x8A, 0x4C, 0xE5}),
       Frame(139, Bytes({0, 0, 0, 0}) + image.substr(0, 128)),
@@ -68,7 +71,7 @@ TEST_P(CcbBlocks, BlocksLengthFieldAndLogLines) {
   SimulatedModule module(settings);
   UploadRun run(module);
   const std::string image = TestImage(GetParam().Length);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(run.Run(image).Outcome, UploadOutcome::Verified);
   EXPECT_EQ(module.CountOf(CCBBlock), GetParam().Blocks);
   EXPECT_EQ(run.LinesEqualTo(GetParam().LastLine), 1);
   EXPECT_EQ(run.LinesEqualTo("Transfer ok."), GetParam().Blocks);
@@ -86,8 +89,9 @@ INSTANTIATE_TEST_SUITE_P(
         BlockCase{8065, 64, "Programming page 0x1F80 to 0x2000 ..", Bytes({0, 0, 0x1F, 0x81})}),
     [](const auto& Info) { return "Length" + std::to_string(Info.param.Length); });
 
-ModuleSettings CcbWith(std::vector<Fault> Faults, int RefuseBlock = -1) {
+ModuleSettings CcbWith(std::vector<Fault> Faults, int RefuseBlock = -1, bool AnswerEnter = true) {
   ModuleSettings settings = Ccb();
+  settings.AnswerEnter = AnswerEnter;
   settings.Faults = std::move(Faults);
   settings.RefuseBlock = RefuseBlock;
   return settings;
@@ -118,7 +122,11 @@ INSTANTIATE_TEST_SUITE_P(, CcbRoads, ::testing::Values(
     // The ten tries of the exchange are all a block gets; no reboot follows.
     testing::Road{"RefusedBlock", CcbWith({}, 1), 400, UploadOutcome::Failed,
         {{CCBBlock, 11}, {CCBReboot, 0}}, {{"Transfer failed.", 1}}, false,
-        /*FlashHoldsImage=*/false}),
+        /*FlashHoldsImage=*/false, "block 0x80 refused"},
+    // Without the entry no block goes out; the module is still told to reboot.
+    testing::Road{"EntryRefused", CcbWith({}, -1, false), 400, UploadOutcome::Failed,
+        {{CCBEnter, 10}, {CCBBlock, 0}, {CCBReboot, 1}}, {{"Transfer failed.", 0}}, false,
+        /*FlashHoldsImage=*/false, "the bootloader did not take up the upload"}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 // clang-format on
 
@@ -128,6 +136,7 @@ struct CancelCase {
   const char* Name;
   Trigger When;
   UploadOutcome Outcome;
+  std::string Reason;
   std::vector<std::string> LastLines;
   int Reboots;
   bool CancelLeftSet;
@@ -149,7 +158,9 @@ TEST_P(CcbCancel, EndsAsTheClickDecides) {
       run.Job.Ctx.Cancel = true;
     }
   };
-  EXPECT_EQ(run.Run(TestImage(400)), GetParam().Outcome);
+  const UploadResult result = run.Run(TestImage(400));
+  EXPECT_EQ(result.Outcome, GetParam().Outcome);
+  EXPECT_EQ(result.Reason, GetParam().Reason);
   const auto& log = run.Job.Log.Lines;
   const auto& last = GetParam().LastLines;
   ASSERT_GE(log.size(), last.size());
@@ -177,19 +188,82 @@ Trigger Logged(const char* Line) {
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(, CcbCancel, ::testing::Values(
-    CancelCase{"InTheProgressOfABlock", Progress(129), UploadOutcome::Cancelled,
+    CancelCase{"InTheProgressOfABlock", Progress(129), UploadOutcome::Cancelled, "cancelled",
                {"Programming page 0x80 to 0x100 ..", "Operation cancelled."}, 0, false},
-    CancelCase{"InsideTheExchangeOfABlock", Heard(CCBBlock, 2), UploadOutcome::Failed,
-               {"Transfer failed."}, 0, true},
-    CancelCase{"InsideTheExchangeOfEnter", Heard(CCBEnter, 1), UploadOutcome::Failed,
-               {"Entering bootloader mode."}, 1, true},
-    CancelCase{"InsideTheCheck", Heard(CCBCheck, 1), UploadOutcome::Cancelled,
+    // The log says what it always said; the result tells the operator's cancel.
+    CancelCase{"InsideTheExchangeOfABlock", Heard(CCBBlock, 2), UploadOutcome::Cancelled,
+               "cancelled", {"Transfer failed."}, 0, true},
+    CancelCase{"InsideTheExchangeOfEnter", Heard(CCBEnter, 1), UploadOutcome::Cancelled,
+               "cancelled", {"Entering bootloader mode."}, 1, true},
+    CancelCase{"InsideTheCheck", Heard(CCBCheck, 1), UploadOutcome::Cancelled, "cancelled",
                {"Transfer ok.", "Programming page 0x0 to 0x80 ..", "Operation cancelled."},
                0, false},
     CancelCase{"DuringTheReboot", Logged("UPLOAD SUCCESSFULLY COMPLETED."), UploadOutcome::Verified,
-               {"UPLOAD SUCCESSFULLY COMPLETED."}, 1, true}),
+               "verified", {"UPLOAD SUCCESSFULLY COMPLETED."}, 1, true}),
     [](const auto& Info) { return std::string(Info.param.Name); });
 // clang-format on
+
+// A bootloader whose numbers do not fit in 31 bits: the answer is still positive, and the number
+// matches no CRC.
+struct HugeNumberCase {
+  const char* Name;
+  std::string BlockNumber;       // number bytes in every answer to CCBBlock
+  std::string FirstCheckNumber;  // number bytes in the first answer to CCBCheck; "" for the CRC
+  int Blocks;                    // CCBBlock frames the module hears
+  int FailedChecks;
+};
+
+void PrintTo(const HugeNumberCase& C, std::ostream* Out) {
+  *Out << C.Name;
+}
+
+class CcbHugeNumbers : public ::testing::TestWithParam<HugeNumberCase> {};
+
+TEST_P(CcbHugeNumbers, BlocksGoOnAndChecksStartOver) {
+  const HugeNumberCase& c = GetParam();
+  const std::string image = TestImage(300);
+  const int32_t crc = Crc16Of(image);
+  testing::ScriptedPeer module;
+  int blocks = 0, checks = 0;
+  module.OnReceive = [&](std::string_view Heard, int64_t Now, std::vector<sim::Emission>& Out) {
+    std::string number;
+    if (Heard == "i") {
+      Out.push_back({Now + 10'000, "X"});
+      return;
+    }
+    const auto command = static_cast<uint8_t>(Heard[2]);
+    if (command == CCBBlock) {
+      ++blocks;
+      number = c.BlockNumber;
+    } else if (command == CCBCheck) {
+      number = ++checks == 1 && !c.FirstCheckNumber.empty() ? c.FirstCheckNumber
+                                                            : Bytes({crc >> 8, crc & 255});
+    }
+    Out.push_back({Now + 10'000, Frame(CCBAnswer, static_cast<char>(command) + number)});
+  };
+  testing::VirtualJob job(module);
+  const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(image));
+  const UploadResult result = StartUpload(job.Ctx, file, "SIM");
+  EXPECT_EQ(result.Outcome, UploadOutcome::Verified);
+  EXPECT_EQ(blocks, c.Blocks);
+  int ok = 0, failed = 0;
+  for (const auto& line : job.Log.Lines) {
+    ok += line == "Transfer ok.";
+    failed += line == "CRC test of application section FAILED:";
+  }
+  EXPECT_EQ(ok, c.Blocks);
+  EXPECT_EQ(failed, c.FailedChecks);
+  EXPECT_FALSE(job.Log.Contains("Transfer failed."));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , CcbHugeNumbers,
+    ::testing::Values(
+        HugeNumberCase{"BlockAnsweredWith32Bits", Bytes({0x80, 0, 0, 0}), "", 3, 0},
+        HugeNumberCase{"BlockAnsweredWithFiveBytes", Bytes({1, 2, 3, 4, 5}), "", 3, 0},
+        HugeNumberCase{"CheckAnsweredWith32Bits", "", Bytes({0xFF, 0xFF, 0xFF, 0xFF}), 6, 1},
+        HugeNumberCase{"CheckAnsweredWithFiveBytes", "", Bytes({0, 0x80, 0, 0, 0}), 6, 1}),
+    [](const auto& Info) { return std::string(Info.param.Name); });
 
 }  // namespace
 }  // namespace palimbo

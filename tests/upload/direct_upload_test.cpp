@@ -32,7 +32,9 @@ TEST(DirectUpload, WorkedExampleOf300BytesFrameByFrame) {
   SimulatedModule module;
   UploadRun run(module);
   const std::string image = TestImage(300);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  const UploadResult result = run.Run(image);
+  EXPECT_EQ(result.Outcome, UploadOutcome::Verified);
+  EXPECT_EQ(result.Reason, "verified");
   const std::vector<std::string> expected = {
       Frame('C', BigEndian32(256)),
       Frame('E', ""),
@@ -81,7 +83,7 @@ TEST_P(PageSizes, PartsAndPagesFollowThePageSize) {
   SimulatedModule module(settings);
   UploadRun run(module);
   const std::string image = TestImage(GetParam().ImageLength);
-  EXPECT_EQ(run.Run(image), UploadOutcome::Verified);
+  EXPECT_EQ(run.Run(image).Outcome, UploadOutcome::Verified);
   EXPECT_EQ(module.Flash().substr(0, image.size()), image);
   EXPECT_EQ(module.CountOf('F'), GetParam().FillFrames);
   EXPECT_EQ(module.CountOf('P'), GetParam().PageFrames);
@@ -122,7 +124,8 @@ INSTANTIATE_TEST_SUITE_P(, DirectRoads, ::testing::Values(
         {{'F', 8}, {'S', 1}},
         {{"Bootloader does not support CRC checks - enabling double page write.", 1},
          {"First transfer okay..", 4},
-         {"Unable to retrieve checksum (not supported by bootloader)", 1}}},
+         {"Unable to retrieve checksum (not supported by bootloader)", 1}}, false, true,
+        "written; the bootloader cannot report the checksum"},
     // One more positive answer after the failure completes the part: the count is kept.
     testing::Road{"DoubleWriteWithAFailureBetween", testing::Faulty(LoseFills(2, 11), false), 128,
         UploadOutcome::Unverified, {{'F', 14}},
@@ -147,7 +150,9 @@ TEST(DirectUpload, CancelWhileProgrammingTakesTheCancelExit) {
   run.Job.Pump.OnPump = [&] {
     if (module.CountOf('F') == 3) run.Job.Ctx.Cancel = true;
   };
-  EXPECT_EQ(run.Run(TestImage(1000)), UploadOutcome::Cancelled);
+  const UploadResult result = run.Run(TestImage(1000));
+  EXPECT_EQ(result.Outcome, UploadOutcome::Cancelled);
+  EXPECT_EQ(result.Reason, "cancelled");
   EXPECT_EQ(run.Job.Log.Lines.back(), "Operation cancelled.");
   EXPECT_FALSE(run.Job.Line.IsOpen());
   EXPECT_EQ(module.CountOf('S'), 0);
@@ -161,7 +166,9 @@ TEST(DirectUpload, CancelDuringTheFinalCheckStillReboots) {
       run.Job.Ctx.Cancel = true;
     }
   };
-  EXPECT_EQ(run.Run(TestImage(300)), UploadOutcome::Unverified);
+  const UploadResult result = run.Run(TestImage(300));
+  EXPECT_EQ(result.Outcome, UploadOutcome::Unverified);
+  EXPECT_EQ(result.Reason, "written; the check was cancelled");
   EXPECT_TRUE(run.Job.Log.Contains("Unable to retrieve checksum (not supported by bootloader)"));
   EXPECT_FALSE(run.Job.Log.Contains("Operation cancelled."));
   // "S" goes out once, its exchange sees the flag and gives up after one pass.

@@ -41,7 +41,7 @@ std::string O(int b1, int b2, int b3) {
 
 // Runs a job on a 17-byte image; once it has entered the bootloader it is cancelled at its
 // next pump, which ends it at the first "F".
-UploadOutcome RunEntry(VirtualJob& Job, bool CancelAfterEntry = true) {
+UploadResult RunEntry(VirtualJob& Job, bool CancelAfterEntry = true) {
   const std::string file = testing::WriteTempFile("fw.hex", ":02000000AABB99\r\n:0100100011DE\r\n");
   Job.Pump.OnPump = [&] {
     if (CancelAfterEntry && Job.Log.Contains(kEntered)) Job.Ctx.Cancel = true;
@@ -73,7 +73,7 @@ TEST_P(EntryPoll, EntersTheDirectBootloaderInTheRightCycle) {
   AnswerPolls(module, GetParam().Answers);
   VirtualJob job(module);
   job.Ctx.Cancel = GetParam().LeftoverCancel;
-  EXPECT_EQ(RunEntry(job), UploadOutcome::Cancelled);
+  EXPECT_EQ(RunEntry(job).Outcome, UploadOutcome::Cancelled);
   const std::vector<std::string> start(job.Log.Lines.begin(), job.Log.Lines.begin() + 3);
   EXPECT_EQ(start, (std::vector<std::string>{"Firmware read from file. Length 17 Bytes.",
                                              "SIM opened.", "Entering bootloader mode."}));
@@ -120,7 +120,7 @@ TEST(EntryPollRoads, NoAnswerAsksTheOperatorAfter26Cycles) {
     ScriptedPeer module;
     VirtualJob job(module);
     job.Question.Answer = yes;
-    const UploadOutcome outcome = RunEntry(job);
+    const UploadResult result = RunEntry(job);
     EXPECT_EQ(job.Question.Asked, 1);
     EXPECT_EQ(job.Question.Title, "Bootloader: No response");
     EXPECT_EQ(job.Question.Text,
@@ -135,7 +135,8 @@ TEST(EntryPollRoads, NoAnswerAsksTheOperatorAfter26Cycles) {
     }
     const auto& lines = job.Log.Lines;
     if (!yes) {
-      EXPECT_EQ(outcome, UploadOutcome::NoBootloader);
+      EXPECT_EQ(result.Outcome, UploadOutcome::NoBootloader);
+      EXPECT_EQ(result.Reason, "no answer from the bootloader");
       EXPECT_EQ(lines.back(), "Failed to enter bootloader mode - ABORTING..");
       EXPECT_FALSE(job.Line.IsOpen());
       EXPECT_EQ(job.Ctx.PortHandle, -1);
@@ -158,7 +159,9 @@ TEST(EntryPollRoads, CancelDuringThePollClosesThePort) {
   job.Pump.OnPump = [&] {
     if (job.Progress.Calls.size() == 3) job.Ctx.Cancel = true;
   };
-  EXPECT_EQ(StartUpload(job.Ctx, file, "SIM"), UploadOutcome::Cancelled);
+  const UploadResult result = StartUpload(job.Ctx, file, "SIM");
+  EXPECT_EQ(result.Outcome, UploadOutcome::Cancelled);
+  EXPECT_EQ(result.Reason, "cancelled");
   EXPECT_EQ(job.Log.Lines.back(), "Operation cancelled.");
   EXPECT_FALSE(job.Ctx.Cancel);
   EXPECT_FALSE(job.Line.IsOpen());
@@ -169,6 +172,7 @@ struct NoJobCase {
   std::string Content;
   std::string Port;
   UploadOutcome Outcome;
+  std::string Reason;
   std::vector<std::string> Lines;
 };
 
@@ -182,7 +186,9 @@ TEST_P(JobEndsEarly, NeverTouchesTheModule) {
   ScriptedPeer module;
   VirtualJob job(module);
   const std::string file = testing::WriteTempFile("fw.hex", GetParam().Content);
-  EXPECT_EQ(StartUpload(job.Ctx, file, GetParam().Port), GetParam().Outcome);
+  const UploadResult result = StartUpload(job.Ctx, file, GetParam().Port);
+  EXPECT_EQ(result.Outcome, GetParam().Outcome);
+  EXPECT_EQ(result.Reason, GetParam().Reason);
   EXPECT_EQ(job.Log.Lines, GetParam().Lines);
   EXPECT_TRUE(module.Received.empty());
   EXPECT_TRUE(job.Progress.Calls.empty());
@@ -192,11 +198,17 @@ TEST_P(JobEndsEarly, NeverTouchesTheModule) {
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(, JobEndsEarly, ::testing::Values(
     NoJobCase{"PortCannotBeOpened", ":0100000055AA\r\n", "", UploadOutcome::PortError,
+              "cannot open port : No such file or directory",
+              {"Firmware read from file. Length 1 Bytes."}},
+    NoJobCase{"PortGoneForGood", ":0100000055AA\r\n", "COM9", UploadOutcome::PortError,
+              "cannot open port COM9: No such file or directory",
               {"Firmware read from file. Length 1 Bytes."}},
     NoJobCase{"DamagedFile", ":0100000055AB\r\n", "SIM", UploadOutcome::FileError,
+              "line 1: checksum mismatch",
               {"Firmware read from file. Length 0 Bytes.",
                "Firmware file error: line 1: checksum mismatch"}},
     NoJobCase{"NoDataRecords", ":00000001FF\r\n", "SIM", UploadOutcome::FileError,
+              "no data records",
               {"Firmware read from file. Length 0 Bytes.",
                "Firmware file error: no data records"}}),
     [](const auto& Info) { return std::string(Info.param.Name); });

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "upload/job_context.h"
+
+namespace palimbo {
+
+/// Seconds of silence after which the command line gives up on a module by default.
+inline constexpr int32_t kDefaultNoAnswerSeconds = 60;
+
+/// A way out of a job that would otherwise never end by itself, for front ends without an
+/// operator at CANCEL: the port has gone away under the job, or the module has not answered
+/// positively for a while (the entry poll and the endless repeats know no limit).
+///
+/// A front end calls `Check` from its event pump. When it gives up it sets `Cancel`, exactly
+/// as a confirmed CANCEL does, and leaves its reason in `GiveUpReason`, where the job finds
+/// it for its result. It looks only at a job that has opened its port, and gives up once a job.
+class GiveUpWatch {
+ public:
+  /// `PortName` names the port in the reason; `NoAnswerSeconds` 0 never gives up on silence.
+  GiveUpWatch(std::string PortName, int32_t NoAnswerSeconds);
+
+  /// Looks at the job once; true when it gave up at this look.
+  /// Reasons: "port NAME lost: <system message>", "no answer from the module for N s".
+  bool Check(JobContext& Ctx);
+
+ private:
+  std::string port_name_;
+  int32_t no_answer_seconds_;
+};
+
+}  // namespace palimbo
