@@ -2,59 +2,78 @@
 
 #include "adapter/port_selection.h"
 #include "cli/args.h"
+#include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/terminal_job.h"
+#include "cli/flash_run.h"
 
 namespace palimbo::cli {
 
 namespace {
 
 const char* const kUsage =
-    "Usage: palimbo-cli flash [--port NAME] [--yes] [--trace FILE] FILE\n"
+    "Usage: palimbo-cli flash [--port NAME]... [--all] [OPTIONS] FILE\n"
     "Writes the Intel HEX file FILE into the module behind the serial port, the same job as\n"
-    "the window's START.\n\n"
-    "  --port NAME   serial port (/dev/ttyUSB0, COM5); without it the controller's USB\n"
-    "                adapter is looked for\n"
-    "  --yes         go on when the bootloader does not answer (else asked on a terminal,\n"
-    "                else No)\n"
-    "  --trace FILE  write every chunk to and from the port: ms, > or <, the bytes in hex\n"
-    "  --spin        poll the port without waiting on it (for measurements)\n\n"
-    "The log goes to stdout, the progress bar to stderr. Ctrl-C cancels as CANCEL does; a\n"
-    "second Ctrl-C closes the port and quits at once.\n"
-    "Exit status: 0 written and verified, 1 failed or cancelled, 2 bad arguments or firmware\n"
-    "file, 3 written but not verified.\n";
+    "the window's START. With several ports every module is written at once.\n\n"
+    "  --port NAME        serial port (/dev/ttyUSB0, COM5); give it again for more modules;\n"
+    "                     without it the controller's USB adapter is looked for\n"
+    "  --all              every controller adapter the scan accepts\n"
+    "  --yes              go on when the bootloader does not answer (else asked on a terminal\n"
+    "                     with one module, else No)\n"
+    "  --give-up-after S  give up on a module that has not answered for S seconds (default\n"
+    "                     60; 0 never); a port that goes away is given up at once\n"
+    "  --json             JSON Lines on stdout: log lines, progress steps, one result a module\n"
+    "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
+    "                     (FILE.1, FILE.2, ... with several modules)\n"
+    "  --spin             poll the port without waiting on it (for measurements)\n\n"
+    "The log goes to stdout, with several modules each line after its port; the progress bar\n"
+    "or table goes to stderr on a terminal, and a summary table ends a run of several modules.\n"
+    "Ctrl-C cancels every job as CANCEL does; a second Ctrl-C closes the ports and quits.\n"
+    "Exit status: 0 written and verified (every module), 1 failed, cancelled or given up (any\n"
+    "module), 2 bad arguments or firmware file, 3 written but not verified.\n";
 
 }  // namespace
 
 int RunFlash(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed =
-      ParseArgs(Args, {{"--port", true}, {"--yes"}, {"--trace", true}, {"--spin"}, {"--help"}});
-  if (parsed.Has("--help")) {
+  FlashRequest request;
+  bool all = false;
+  bool spin = false;
+  CLI::App app;
+  app.add_option("--port", request.Ports);
+  app.add_flag("--all", all);
+  app.add_flag("--yes", request.AssumeYes);
+  app.add_option("--give-up-after", request.GiveUpAfterSeconds)->check(CLI::Range(0, 86400));
+  app.add_flag("--json", request.Json);
+  app.add_option("--trace", request.TraceFile);
+  app.add_flag("--spin", spin);
+  app.add_option("FILE", request.File)->required();
+  if (ParseCommand(app, Args)) {
     std::cout << kUsage;
     return kExitOk;
   }
-  ExpectPositional(parsed, 1, "firmware FILE");
+  request.IdleWait = !spin;
+  if (all && !request.Ports.empty()) throw UsageError("--all and --port exclude each other");
 
-  TerminalUpload upload;
-  upload.File = parsed.Positional[0];
-  upload.AssumeYes = parsed.Has("--yes");
-  upload.TraceFile = parsed.Value("--trace");
-  upload.IdleWait = !parsed.Has("--spin");
-  upload.Port = parsed.Value("--port");
-  if (upload.Port.empty()) {
+  if (request.Ports.empty()) {
     const auto scanner = MakeSystemAdapterScanner();
-    std::string label;
-    const auto found = FindAdapterPort(*scanner, &label);
-    if (!found) {
-      std::cerr << "palimbo-cli flash: no controller adapter found " << label
-                << "; name the port with --port" << std::endl;
+    if (all) {
+      for (const AcceptedAdapter& adapter : FindAllAdapterPorts(*scanner)) {
+        request.Ports.push_back(adapter.Port);
+        std::cerr << "Using " << adapter.Description << " (" << adapter.Port << ")" << std::endl;
+      }
+    } else {
+      std::string label;
+      if (const auto found = FindAdapterPort(*scanner, &label)) {
+        request.Ports.push_back(*found);
+        std::cerr << "Using " << label << std::endl;
+      }
+    }
+    if (request.Ports.empty()) {
+      std::cerr << "palimbo-cli flash: no controller adapter found; name the port with --port"
+                << std::endl;
       return kExitUsage;
     }
-    upload.Port = *found;
-    std::cerr << "Using " << label << std::endl;
   }
-  const auto port = MakeSystemSerialBackend();
-  return RunTerminalUpload(upload, *port).ExitStatus;
+  return FlashModules(request, [] { return MakeSystemSerialBackend(); }).ExitStatus;
 }
 
 }  // namespace palimbo::cli

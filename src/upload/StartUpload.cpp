@@ -2,6 +2,7 @@
 #include "frames/link.h"
 #include "image/hex_file.h"
 #include "serial/comm.h"
+#include "serial/timer_resolution.h"
 #include "upload/ccb_upload.h"
 #include "upload/direct_upload.h"
 #include "upload/upload.h"
@@ -66,11 +67,13 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
     ReplyBuffer += Chunk;
     if (ReplyBuffer.find('X') != std::string::npos) {
       Ctx.LastAnswerTick = Ctx.GetTickCount();
+      Ctx.Protocol = "ccb";
       return EntryResult::Ccb;
     }
     if (ReplyBuffer.size() > 3) {
       if (ReplyBuffer[0] == 'O') {
         Ctx.LastAnswerTick = Ctx.GetTickCount();
+        Ctx.Protocol = "direct";
         PageSize = PageSizeOf(Ctx, ReplyBuffer);
         return EntryResult::Direct;
       }
@@ -88,6 +91,7 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
   Ctx.Log("Failed to enter bootloader mode - TRYING ANYWAYS..");
   // The operator vouches for the module, so the time spent on the question is no silence.
   Ctx.LastAnswerTick = Ctx.GetTickCount();
+  Ctx.Protocol = "direct";
   PageSize = kDefaultPageSize;
   return EntryResult::Direct;
 }
@@ -142,15 +146,17 @@ UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std:
 
 UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
                          const std::string& ComPort) {
+  const FineTimerResolution fineTimer;
   Ctx.Cancel = false;
   Ctx.LastAnswerTick = -1;
   Ctx.GiveUpReason.clear();
+  Ctx.Protocol.clear();
   UploadResult result = RunJob(Ctx, FirmwareFile, ComPort);
   if (Ctx.GiveUpReason.empty()) return result;
   // A give-up ends the job the way a cancel does, and whichever road that took, the front end
-  // must learn it was given up; only an image the module had confirmed stays verified.
+  // must learn it was given up; the reason still tells an image the module had confirmed.
   if (result.Outcome == UploadOutcome::Verified) {
-    return {UploadOutcome::Verified, "verified, then given up: " + Ctx.GiveUpReason};
+    return {UploadOutcome::GivenUp, "given up after the image was verified: " + Ctx.GiveUpReason};
   }
   return {UploadOutcome::GivenUp, "given up: " + Ctx.GiveUpReason};
 }

@@ -64,6 +64,9 @@ class JobContext {
   /// Why the front end gave up on the job (`GiveUpWatch` sets it together with `Cancel`);
   /// empty when it did not. A job clears it when it starts.
   std::string GiveUpReason;
+  /// The bootloader's protocol, "direct" or "ccb", once the entry answer has told it; empty
+  /// before. A job clears it when it starts.
+  std::string Protocol;
 
   void Log(const std::string& Text) { log_.Log(Text); }
   /// Repaints the bar and then pumps events, as the window's own `SetProgress` does.

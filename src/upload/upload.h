@@ -32,8 +32,8 @@ struct UploadResult {
 /// tells the operator goes through the context's log and progress bar.
 ///
 /// A job that the front end gave up on ends as `GivenUp` with "given up: " and the reason,
-/// unless the module had confirmed the image before: that stays `Verified`, and the reason
-/// tells of the give-up after it.
+/// whatever road it then took; one whose image the module had confirmed before says so in
+/// the reason ("given up after the image was verified: ...").
 UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
                          const std::string& ComPort);
 

@@ -139,10 +139,11 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
                UploadOutcome::GivenUp, kLost, "Transfer failed.", 50},
     GiveUpCase{"CcbCutInTheFinalCheck", Module(kCcb), Heard(CCBCheck, 1), 60,
                UploadOutcome::GivenUp, kLost, kCancelled, 50},
-    // A module confirmed the image before the port went: that stays true.
+    // A module confirmed the image before the port went: given up all the same, and the
+    // reason tells of the image.
     GiveUpCase{"CcbCutInTheReboot", Module(kCcb), Heard(CCBReboot, 1), 60,
-               UploadOutcome::Verified,
-               "verified, then given up: port SIM lost: Input/output error",
+               UploadOutcome::GivenUp,
+               "given up after the image was verified: port SIM lost: Input/output error",
                "UPLOAD SUCCESSFULLY COMPLETED.", 1500},
     // The module falls silent: the time counts from its last positive answer, or from the
     // port's opening when none came.

@@ -1,0 +1,217 @@
+#include "cli/flash_run.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include "adapter/port_report.h"
+#include "cli/commands.h"
+#include "cli/json_line.h"
+#include "cli/platform.h"
+#include "image/hex_file.h"
+#include "serial/clock.h"
+#include "serial/trace_backend.h"
+#include "upload/job_context.h"
+
+namespace palimbo::cli {
+
+namespace {
+
+// How often the live table moves on while nothing else happens.
+constexpr auto kRefreshInterval = std::chrono::milliseconds(200);
+
+// One module's job and its surroundings: everything it touches is its own, but the display
+// and the Ctrl-C count, which are made for sharing.
+class ModuleJob final : public JobLog,
+                        public ProgressDisplay,
+                        public EventPump,
+                        public OperatorQuestion {
+ public:
+  ModuleJob(size_t Index, const FlashRequest& Request, UploadDisplay& Display,
+            const InterruptWatch& Interrupts)
+      : index_(Index),
+        request_(Request),
+        display_(Display),
+        interrupts_(Interrupts),
+        watch_(Request.Ports[Index], Request.GiveUpAfterSeconds) {}
+
+  ModuleResult Run(SerialBackend& SystemPort, size_t Bytes) {
+    ModuleResult result;
+    result.Port = request_.Ports[index_];
+    result.Bytes = Bytes;
+    const auto started = std::chrono::steady_clock::now();
+
+    SteadyClock clock;
+    std::ofstream trace;
+    std::unique_ptr<TraceBackend> traced;
+    SerialBackend* port = &SystemPort;
+    if (!request_.TraceFile.empty()) {
+      const std::string name = request_.Ports.size() == 1
+                                   ? request_.TraceFile
+                                   : request_.TraceFile + "." + std::to_string(index_ + 1);
+      trace.open(name);
+      if (!trace) {
+        result.Result = {UploadOutcome::Failed, "cannot write trace file " + name};
+        result.ExitStatus = kExitUsage;
+        return result;
+      }
+      traced = std::make_unique<TraceBackend>(SystemPort, clock, trace);
+      port = traced.get();
+    }
+
+    JobContext ctx(*this, *this, *this, *this, clock, *port);
+    ctx.IdleWaitMicros = request_.IdleWait ? kIdleWaitMicros : 0;
+    ctx_ = &ctx;
+    result.Result = StartUpload(ctx, request_.File, result.Port);
+    ctx_ = nullptr;
+    result.Protocol = protocol_;
+    result.Seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    result.ExitStatus = ExitStatusOf(result.Result.Outcome);
+    return result;
+  }
+
+  void Log(const std::string& Text) override { display_.Log(index_, Text); }
+
+  void SetProgress(int32_t Val, int32_t Max, uint32_t, const std::string& Text) override {
+    display_.Progress(index_, Val, Max, Text);
+  }
+
+  void PumpEvents() override {
+    if (ctx_ == nullptr) return;
+    if (protocol_.empty() && !ctx_->Protocol.empty()) {
+      protocol_ = ctx_->Protocol;
+      display_.SetProtocol(index_, protocol_);
+    }
+    if (interrupts_.Requested() && !cancel_sent_) {
+      cancel_sent_ = true;
+      ctx_->Cancel = true;
+      display_.Note(index_, "cancelling (Ctrl-C again quits at once)");
+    }
+    if (watch_.Check(*ctx_)) display_.Note(index_, ctx_->GiveUpReason);
+  }
+
+  bool AskYesNo(const std::string& Title, const std::string& Text) override {
+    return display_.AskYesNo(index_, request_.AssumeYes, Title, Text);
+  }
+
+ private:
+  size_t index_;
+  const FlashRequest& request_;
+  UploadDisplay& display_;
+  const InterruptWatch& interrupts_;
+  GiveUpWatch watch_;
+  JobContext* ctx_ = nullptr;
+  bool cancel_sent_ = false;
+  std::string protocol_;
+};
+
+// What an operator can do about a port this user may not open, where the system tells.
+std::string AccessFixFor(const std::string& Port) {
+  for (const SerialPortReport& report : ReportSerialPorts()) {
+    if (report.Port == Port && !report.Fix.empty()) return report.Fix;
+  }
+  return AccessFix(false, "");
+}
+
+void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index) {
+  const UploadResult& r = Module.Result;
+  if (r.Outcome != UploadOutcome::PortError && r.Outcome != UploadOutcome::FileError) return;
+  Display.Note(Index, r.Reason);
+  if (r.Reason.find("Permission denied") != std::string::npos) {
+    Display.Note(Index, "fix: " + AccessFixFor(Module.Port));
+  }
+}
+
+}  // namespace
+
+int ExitStatusOf(UploadOutcome Outcome) {
+  switch (Outcome) {
+    case UploadOutcome::Verified:
+      return kExitOk;
+    case UploadOutcome::Unverified:
+      return kExitUnverified;
+    case UploadOutcome::FileError:
+      return kExitUsage;
+    case UploadOutcome::PortError:
+    case UploadOutcome::NoBootloader:
+    case UploadOutcome::Cancelled:
+    case UploadOutcome::Failed:
+    case UploadOutcome::GivenUp:
+      break;
+  }
+  return kExitFailed;
+}
+
+int CombinedExitStatus(const std::vector<ModuleResult>& Modules) {
+  if (Modules.size() == 1) return Modules.front().ExitStatus;
+  int status = kExitOk;
+  for (const ModuleResult& m : Modules) {
+    if (m.ExitStatus != kExitOk && m.ExitStatus != kExitUnverified) return kExitFailed;
+    if (m.ExitStatus == kExitUnverified) status = kExitUnverified;
+  }
+  return status;
+}
+
+FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& MakePort) {
+  // A bad file is a bad input for every module alike: it is told once, and no port opens.
+  bool encrypted = false;
+  const HexReadResult image = ReadHexFile(Request.File, encrypted);
+  if (!image.Ok() || image.FirmwareString.empty()) {
+    const std::string reason = image.Ok() ? "no data records" : image.Reason;
+    if (Request.Json) {
+      std::cout << JsonLine({{"type", "error"}, {"reason", reason}}) << std::endl;
+    }
+    std::cerr << "palimbo-cli: " << Request.File << ": " << reason << std::endl;
+    return {kExitUsage, {}};
+  }
+
+  const DisplayMode mode = Request.Json                ? DisplayMode::Json
+                           : Request.Ports.size() == 1 ? DisplayMode::Single
+                                                       : DisplayMode::Table;
+  UploadDisplay display(mode, Request.Ports);
+  InterruptWatch interrupts;
+  std::vector<std::unique_ptr<SerialBackend>> ports;
+  std::vector<std::unique_ptr<ModuleJob>> jobs;
+  for (size_t i = 0; i < Request.Ports.size(); ++i) {
+    ports.push_back(MakePort());
+    jobs.push_back(std::make_unique<ModuleJob>(i, Request, display, interrupts));
+  }
+
+  FlashReport report;
+  report.Modules.resize(Request.Ports.size());
+  std::mutex doneLock;
+  std::condition_variable doneSignal;
+  size_t done = 0;
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < jobs.size(); ++i) {
+    threads.emplace_back([&, i] {
+      report.Modules[i] = jobs[i]->Run(*ports[i], image.FirmwareString.size());
+      const std::lock_guard guard(doneLock);
+      ++done;
+      doneSignal.notify_one();
+    });
+  }
+  {
+    std::unique_lock wait(doneLock);
+    while (!doneSignal.wait_for(wait, kRefreshInterval, [&] { return done == jobs.size(); })) {
+      wait.unlock();
+      display.Refresh();
+      wait.lock();
+    }
+  }
+  for (auto& thread : threads) thread.join();
+
+  display.Finish(report.Modules);
+  if (!Request.Json) {
+    for (size_t i = 0; i < report.Modules.size(); ++i) ExplainEnd(report.Modules[i], display, i);
+  }
+  report.ExitStatus = CombinedExitStatus(report.Modules);
+  return report;
+}
+
+}  // namespace palimbo::cli

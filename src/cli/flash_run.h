@@ -1,0 +1,46 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cli/upload_display.h"
+#include "serial/serial_backend.h"
+#include "upload/give_up.h"
+
+namespace palimbo::cli {
+
+/// What `flash` and `demo` ask of one upload or of several at once.
+struct FlashRequest {
+  std::string File;
+  std::vector<std::string> Ports;  ///< one module a port
+  bool AssumeYes = false;          ///< answer the no-response question with Yes
+  std::string TraceFile;  ///< wire trace, one chunk a line; with several ports FILE.1, FILE.2..
+  bool IdleWait = true;   ///< wait on the port in empty receive passes instead of spinning
+  bool Json = false;      ///< JSON Lines on stdout instead of the log and the bar
+  int32_t GiveUpAfterSeconds = kDefaultNoAnswerSeconds;  ///< 0 never gives up on silence
+};
+
+/// Makes the serial ports of one module's job; each job gets its own.
+using BackendFactory = std::function<std::unique_ptr<SerialBackend>()>;
+
+/// How the uploads ended, and the exit status of the whole.
+struct FlashReport {
+  int ExitStatus = 0;
+  std::vector<ModuleResult> Modules;  ///< empty when the file was bad: no port was opened
+};
+
+/// Checks the firmware file once, then writes it into every port at once: one job, one thread,
+/// one context, clock and port for each module, so that a module that fails stops no other.
+/// Ctrl-C cancels every job as CANCEL does; a second one ends the process at once.
+FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& MakePort);
+
+/// The exit status of one module: 0 verified, 3 unverified, 2 bad file, 1 otherwise.
+int ExitStatusOf(UploadOutcome Outcome);
+
+/// The exit status of several: 1 if any failed, was cancelled or given up; else 3 if any is
+/// unverified; else 0.
+int CombinedExitStatus(const std::vector<ModuleResult>& Modules);
+
+}  // namespace palimbo::cli
