@@ -4,7 +4,7 @@
 #include <string>
 #include <system_error>
 
-#include "cli/args.h"
+#include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "frames/crc16.h"
@@ -34,14 +34,15 @@ constexpr const char* kHex2BinUsage =
 }  // namespace
 
 int RunInfo(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed = ParseArgs(Args, {{"--json"}, {"--help"}});
-  if (parsed.Has("--help")) {
+  std::string file;
+  bool json = false;
+  CLI::App app;
+  app.add_flag("--json", json);
+  app.add_option("FILE", file)->required();
+  if (ParseCommand(app, Args)) {
     std::cout << kInfoUsage;
     return kExitOk;
   }
-  ExpectPositional(parsed, 1, "FILE");
-  const std::string& file = parsed.Positional[0];
-  const bool json = parsed.Has("--json");
 
   bool encrypted = false;
   const HexReadResult read = ReadHexFile(file, encrypted);
@@ -71,14 +72,15 @@ int RunInfo(const std::vector<std::string>& Args) {
 }
 
 int RunHex2Bin(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed = ParseArgs(Args, {{"--help"}});
-  if (parsed.Has("--help")) {
+  std::string file;
+  std::string out;
+  CLI::App app;
+  app.add_option("FILE", file)->required();
+  app.add_option("OUT", out)->required();
+  if (ParseCommand(app, Args)) {
     std::cout << kHex2BinUsage;
     return kExitOk;
   }
-  ExpectPositional(parsed, 2, "FILE and OUT");
-  const std::string& file = parsed.Positional[0];
-  const std::string& out = parsed.Positional[1];
 
   bool encrypted = false;
   const HexReadResult read = ReadHexFile(file, encrypted);

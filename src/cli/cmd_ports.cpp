@@ -7,6 +7,7 @@
 #include "adapter/port_selection.h"
 #include "adapter/sysfs_scanner.h"
 #include "cli/args.h"
+#include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/json_line.h"
 
@@ -78,32 +79,31 @@ int ReportAllPorts(const PortSystemView& View, bool Json) {
 }  // namespace
 
 int RunPorts(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed = ParseArgs(Args, {{"--all", false},
-                                             {"--json", false},
-                                             {"--sysfs", true},
-                                             {"--ftdi-library", true},
-                                             {"--help", false}});
-  if (parsed.Has("--help")) {
+  bool all = false;
+  bool json = false;
+  std::string sysfs;
+  std::string library;
+  CLI::App app;
+  app.add_flag("--all", all);
+  app.add_flag("--json", json);
+  auto* sysfsOption = app.add_option("--sysfs", sysfs);
+  app.add_option("--ftdi-library", library)->excludes(sysfsOption);
+  if (ParseCommand(app, Args)) {
     PrintPortsHelp(std::cout);
     return kExitOk;
   }
-  ExpectPositional(parsed, 0, "");
-  if (parsed.Has("--sysfs") && parsed.Has("--ftdi-library")) {
-    throw UsageError("--sysfs and --ftdi-library exclude each other");
-  }
-  const bool json = parsed.Has("--json");
-  if (parsed.Has("--all")) {
-    if (parsed.Has("--ftdi-library")) throw UsageError("--all walks the system, not a library");
+  if (all) {
+    if (!library.empty()) throw UsageError("--all walks the system, not a library");
     PortSystemView view;
-    if (parsed.Has("--sysfs")) view.Sysfs = parsed.Value("--sysfs");
+    if (!sysfs.empty()) view.Sysfs = sysfs;
     return ReportAllPorts(view, json);
   }
 
   std::unique_ptr<AdapterScanner> scanner;
-  if (parsed.Has("--ftdi-library")) {
-    scanner = std::make_unique<D2xxAdapterScanner>(parsed.Value("--ftdi-library"));
-  } else if (parsed.Has("--sysfs")) {
-    scanner = std::make_unique<SysfsAdapterScanner>(parsed.Value("--sysfs"));
+  if (!library.empty()) {
+    scanner = std::make_unique<D2xxAdapterScanner>(library);
+  } else if (!sysfs.empty()) {
+    scanner = std::make_unique<SysfsAdapterScanner>(sysfs);
   } else {
     scanner = MakeSystemAdapterScanner();
   }

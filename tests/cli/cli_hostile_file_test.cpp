@@ -1,0 +1,152 @@
+// palimbo-cli info, hex2bin and flash on firmware files that cannot be read: each stops with
+// exit status 2 and the cause on stderr, and flash never opens its port.
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "image/hostile_corpus.h"
+#include "support/process.h"
+#include "support/temp_file.h"
+
+namespace palimbo {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Tells whether anyone opened, read or wrote a file since the watch began.
+class OpenWatch {
+ public:
+  explicit OpenWatch(const std::string& Path)
+      : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+        watch_(inotify_add_watch(fd_, Path.c_str(), IN_OPEN | IN_ACCESS | IN_MODIFY)) {}
+  ~OpenWatch() { close(fd_); }
+  OpenWatch(const OpenWatch&) = delete;
+  OpenWatch& operator=(const OpenWatch&) = delete;
+
+  bool Armed() const { return fd_ >= 0 && watch_ >= 0; }
+  bool Touched() const {
+    alignas(inotify_event) char events[4096];
+    return read(fd_, events, sizeof events) > 0;
+  }
+
+ private:
+  int fd_;
+  int watch_;
+};
+
+// A FIFO as the serial port: opening it is harmless and any opening shows in the watch.
+std::string MakePortFifo() {
+  const std::string port = (testing::TestFolder() / "port").string();
+  fs::remove(port);
+  if (mkfifo(port.c_str(), 0600) != 0) ADD_FAILURE() << "mkfifo " << port;
+  return port;
+}
+
+std::string ReadAll(const std::string& Path) {
+  std::ifstream in(Path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Runs info, hex2bin and flash on `File`; each must stop with status 2 and `Cause` on stderr.
+void ExpectRefusedEverywhere(const std::string& File, const std::string& Cause) {
+  const fs::path dir = testing::TestFolder();
+  const std::string out = (dir / "out.bin").string();
+  const std::string errFile = (dir / "stderr").string();
+  const std::string port = MakePortFifo();
+  const std::vector<std::vector<std::string>> commands = {
+      {PALIMBO_CLI, "info", File},
+      {PALIMBO_CLI, "info", "--json", File},
+      {PALIMBO_CLI, "hex2bin", File, out},
+      {PALIMBO_CLI, "flash", "--port", port, "--yes", File},
+  };
+  for (const auto& args : commands) {
+    SCOPED_TRACE(args[1] + " " + File);
+    fs::remove(out);
+    OpenWatch watch(port);
+    ASSERT_TRUE(watch.Armed());
+    testing::Process cli(args, errFile);
+    EXPECT_EQ(cli.Wait(), 2) << cli.Output;
+    const std::string err = ReadAll(errFile);
+    EXPECT_NE(err.find(Cause), std::string::npos) << err;
+    EXPECT_FALSE(fs::exists(out)) << "hex2bin wrote an image";
+    EXPECT_FALSE(watch.Touched()) << "the port was opened";
+  }
+}
+
+TEST(CliHostileFile, PortWatchSeesAnOpening) {
+  // The proof that flash leaves its port alone is only as good as this watch.
+  const std::string port = MakePortFifo();
+  OpenWatch watch(port);
+  ASSERT_TRUE(watch.Armed());
+  EXPECT_FALSE(watch.Touched());
+  const int fd = open(port.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_TRUE(watch.Touched());
+}
+
+TEST(CliHostileFile, CommittedCorpusNamesTheLine) {
+  const auto corpus = testing::HostileCorpus();
+  ASSERT_FALSE(corpus.empty());
+  for (const auto& file : corpus) ExpectRefusedEverywhere(file.Path, file.Reason);
+}
+
+struct Made {
+  const char* Name;
+  std::function<std::string()> Make;  // gives the firmware path
+  const char* Cause;
+};
+
+TEST(CliHostileFile, FilesThatAreNoFirmwareNameTheCause) {
+  const Made cases[] = {
+      {"directory", [] { return testing::TestFolder().string(); },
+       "not a regular file (a directory)"},
+      {"FIFO",
+       [] {
+         const std::string path = (testing::TestFolder() / "fw.fifo").string();
+         fs::remove(path);
+         if (mkfifo(path.c_str(), 0600) != 0) ADD_FAILURE() << "mkfifo " << path;
+         return path;
+       },
+       "not a regular file (a FIFO)"},
+      {"endless device", [] { return std::string("/dev/zero"); },
+       "not a regular file (a character device)"},
+      {"missing", [] { return (testing::TestFolder() / "missing.hex").string(); },
+       "cannot open file: No such file or directory"},
+      // Made sparse here, never committed: 16 MiB and one byte.
+      {"over the limit",
+       [] {
+         const std::string path = testing::WriteTempFile("big.hex", "");
+         fs::resize_file(path, (uintmax_t{16} << 20) + 1);
+         return path;
+       },
+       "file larger than 16 MiB"},
+      {"read error", [] { return std::string("/proc/self/mem"); },
+       "read error: Input/output error"},
+  };
+  for (const Made& c : cases) {
+    SCOPED_TRACE(c.Name);
+    ExpectRefusedEverywhere(c.Make(), c.Cause);
+  }
+}
+
+TEST(CliHostileFile, NoPermissionNamesTheCause) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may read anything";
+  const std::string path = testing::WriteTempFile("locked.hex", ":0100000055AA\r\n");
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  ExpectRefusedEverywhere(path, "cannot open file: Permission denied");
+}
+
+}  // namespace
+}  // namespace palimbo
