@@ -1,6 +1,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 
 #include "cli/commands.h"
@@ -10,13 +11,13 @@ namespace palimbo::cli {
 
 namespace {
 
-// A signal handler can reach nothing but such flags.
-volatile sig_atomic_t interrupts = 0;
+// A signal handler can reach nothing but a lock-free atomic, which the jobs' threads read.
+std::atomic<int> interrupts{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 struct sigaction previous_action {};
 
 void OnInterrupt(int) {
-  interrupts = interrupts + 1;
-  if (interrupts < 2) return;
+  if (++interrupts < 2) return;
   static const char message[] = "\nInterrupted: port closed.\n";
   [[maybe_unused]] const auto ignored = write(STDERR_FILENO, message, sizeof message - 1);
   // The system closes every port of the process on its way out.
