@@ -61,6 +61,10 @@ struct GangCase {
   int ExitStatus;
 };
 
+void PrintTo(const GangCase& C, std::ostream* Out) {
+  *Out << C.Name;
+}
+
 class Gang : public ::testing::TestWithParam<GangCase> {};
 
 TEST_P(Gang, EveryModuleHasItsOwnResult) {
@@ -101,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(, Gang, ::testing::Values(
     [](const auto& Info) { return std::string(Info.param.Name); });
 // clang-format on
 
-TEST(Gang, SummaryTableSaysWhatTheExitStatusSays) {
+TEST(GangSummary, TableSaysWhatTheExitStatusSays) {
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(700)));
   Module good("good", {}), unverified("unverified", {"--no-crc"});
   Process flash({PALIMBO_CLI, "flash", "--port", good.Port, "--port", unverified.Port, file},
@@ -139,6 +143,10 @@ struct WayOutCase {
   const char* Says;       // on stderr
   double MaxSeconds;      // from the cut (or the start) to the exit
 };
+
+void PrintTo(const WayOutCase& C, std::ostream* Out) {
+  *Out << C.Name;
+}
 
 class WayOut : public ::testing::TestWithParam<WayOutCase> {};
 
