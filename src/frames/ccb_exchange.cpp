@@ -46,6 +46,8 @@ bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::stri
   const auto command = static_cast<uint8_t>(CommandByte);
   const std::string Frame = BuildFrame(kCcbStartByte, command, CommandString);
   int64_t LastByteTime = 0;
+  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
+  bool Settled = true;
   RxBuffer.clear();
   std::string Chunk;
   for (int16_t Tries = 0; Tries < kTries; ++Tries) {
@@ -56,7 +58,9 @@ bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::stri
     const int64_t TryStart = Link.Time.GetTickCount();
     do {
       Link.Events.PumpEvents();
-      ReadPass(Link, Chunk);
+      const size_t kept = RxBuffer.size();
+      ReadPass(Link, Chunk,
+               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
       if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
       RxBuffer.Append(Chunk);
       if (RxBuffer.size() >= 2) {
@@ -68,6 +72,7 @@ bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::stri
         }
       }
       DropAfterSilence(Link, LastByteTime, RxBuffer);
+      Settled = RxBuffer.size() == kept + Chunk.size();
       Link.Events.PumpEvents();
       if (Link.Cancel) return false;
     } while (TryStart + WaitForAnswer > Link.Time.GetTickCount());

@@ -47,6 +47,8 @@ bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string&
   const auto command = static_cast<uint8_t>(CommandByte);
   const std::string Frame = BuildFrame(kDirectStartByte, command, CommandString);
   int64_t LastByteTime = 0;
+  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
+  bool Settled = true;
   RxBuffer.clear();
   std::string Chunk;
   for (int16_t Tries = 0; Tries < kTries; ++Tries) {
@@ -58,7 +60,9 @@ bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string&
     bool WaitEnded = false;
     do {
       Link.Events.PumpEvents();
-      ReadPass(Link, Chunk);
+      const size_t kept = RxBuffer.size();
+      ReadPass(Link, Chunk,
+               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
       if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
       RxBuffer.Append(Chunk);
       if (RxBuffer.size() >= 2 && RxBuffer[0] == kDirectStartByte &&
@@ -67,6 +71,7 @@ bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string&
         return true;
       }
       DropAfterSilence(Link, LastByteTime, RxBuffer);
+      Settled = RxBuffer.size() == kept + Chunk.size();
       Link.Events.PumpEvents();
       if (Link.Cancel) return false;
     } while (TryStart + WaitForAnswer > Link.Time.GetTickCount() && !WaitEnded);

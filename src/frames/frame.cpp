@@ -1,5 +1,7 @@
 #include "frames/frame.h"
 
+#include <algorithm>
+
 #include "frames/crc16.h"
 #include "serial/comm.h"
 
@@ -65,10 +67,28 @@ void IdleWait(Link& Link) {
   }
 }
 
-void ReadPass(Link& Link, std::string& Chunk) {
+int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
+                         bool Settled) {
+  if (!Settled) return kNoWait;
+  if (RxBuffer.empty()) return TryEnd;
+  // The first tick at which the silence rule takes a byte.
+  const int64_t silenceDue = LastByteTime + kSilenceMs + 1;
+  if (Link.Time.GetTickCount() >= silenceDue) return kNoWait;
+  return std::min(TryEnd, silenceDue);
+}
+
+void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline) {
   Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
-  if (!Chunk.empty() || Link.IdleWaitMicros <= 0) return;
-  IdleWait(Link);
+  if (!Chunk.empty() || Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
+  const int64_t left = Deadline - Link.Time.GetTickCount();
+  if (left <= 0) return;
+  if (IsPortOpen(Link.PortHandle)) {
+    const int64_t micros = std::min<int64_t>(Link.IdleWaitMicros, left * 1000);
+    Comm_warten_32(Link.Port, Link.PortHandle, static_cast<int32_t>(micros));
+  } else {
+    // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
+    Link.Time.Sleep(static_cast<int32_t>(std::min<int64_t>(kClosedPortWaitMillis, left)));
+  }
   Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
 }
 

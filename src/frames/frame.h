@@ -1,5 +1,6 @@
 #pragma once
 
+#include <climits>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -39,9 +40,20 @@ std::string BigEndian32(uint32_t Value);
 /// An idle wait of 0 returns at once either way.
 void IdleWait(Link& Link);
 
-/// One read of a receive pass. When nothing has arrived it idles (`IdleWait`) and reads once
-/// more, so a polling loop idles instead of spinning.
-void ReadPass(Link& Link, std::string& Chunk);
+/// A tick before which no receive pass waits: the pass must go on at once.
+inline constexpr int64_t kNoWait = INT64_MIN;
+
+/// Up to which tick a receive pass may wait on the port. It may only while the pass could do
+/// nothing but read: the last pass took no byte from the buffer (`Settled`), and the buffer is
+/// empty or its silence rule is not due yet. It never waits past the rule's tick nor past
+/// `TryEnd`, so that a wait never changes what the rules do with the bytes.
+int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
+                         bool Settled);
+
+/// One read of a receive pass. When nothing has arrived and `Deadline` lies ahead, it waits on
+/// the port (at most the link's idle wait, never past `Deadline`) and reads once more, so a
+/// polling loop idles instead of spinning.
+void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline);
 
 /// The inactivity rule shared by both exchanges: after more than 60 ms without a byte, one
 /// byte a pass goes from the head of the buffer.
