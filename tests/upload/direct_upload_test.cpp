@@ -177,5 +177,30 @@ TEST(DirectUpload, CancelDuringTheFinalCheckStillReboots) {
   EXPECT_TRUE(run.Job.Ctx.Cancel);
 }
 
+// The window stays alive while pages are written: from the first page's bar to the last, no
+// two pumps lie more than 20 ms apart, also with answers that come late in their try.
+TEST(DirectUpload, PagesPumpEventsAtLeastEvery20Ms) {
+  for (const bool late : {false, true}) {
+    SimulatedModule module(
+        testing::Faulty(late ? std::vector<sim::Fault>{{sim::FaultKind::LateAnswer, sim::kCmdFill,
+                                                        sim::kEveryTime, 200'000}}
+                             : std::vector<sim::Fault>{}));
+    UploadRun run(module);
+    int64_t last = -1, widest = 0;
+    int pagingPumps = 0;
+    run.Job.Pump.OnPump = [&] {
+      const bool paging = !run.Job.Progress.Calls.empty() &&
+                          run.Job.Progress.Calls.back().Text == "Programming chip..";
+      const int64_t now = run.Job.NowMs();
+      if (paging && last >= 0) widest = std::max(widest, now - last);
+      pagingPumps += paging;
+      last = paging ? now : -1;
+    };
+    EXPECT_EQ(run.Run(TestImage(1000)).Outcome, UploadOutcome::Verified);
+    EXPECT_GT(pagingPumps, 100);
+    EXPECT_LE(widest, 20) << (late ? "late answers" : "prompt answers");
+  }
+}
+
 }  // namespace
 }  // namespace palimbo
