@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <limits>
 #include <vector>
 
 namespace palimbo::sim {
@@ -33,6 +35,10 @@ constexpr int kHangupNapMillis = 10;
 
 // Longest single wait of the loop when no answer is due.
 constexpr int64_t kLongestWaitMicros = 200'000;
+
+// A timer wakes the thread some 50 µs late, more on a busy machine; the last stretch before a
+// byte is due is spun through instead, so the line keeps its times to a few microseconds.
+constexpr int64_t kSpinMicros = 200;
 
 }  // namespace
 
@@ -91,41 +97,68 @@ void PtyHost::Stop() {
 }
 
 void PtyHost::Serve() {
-  std::deque<Emission> due;  // answers not yet on the line, in the module's order
-  std::string line;          // answer bytes due and not yet taken by the terminal
-  int64_t lineFreeUs = 0;    // with pacing: when the last answer has crossed the wire
+  // The default timer slack of 50 µs would add to every wait before the spin.
+  prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+  const bool wire = options_.Wire.has_value();
+  const WireSettings settings = options_.Wire.value_or(WireSettings{});
+  ToModuleWire toModule(settings.Baud);
+  ToToolWire toTool(settings);
+  std::deque<Emission> heard;  // the tool's bytes on their way, keyed by their last byte's arrival
+  std::deque<Emission> due;    // without the wire: answers not yet on the line, in order
+  std::string line;            // handed on and not yet taken by the terminal
   std::vector<Emission> out;
   std::vector<char> buffer(4096);
   bool toolGone = false;  // the terminal side was closed and not opened again yet
 
-  // An answer is due at its time, or with pacing when its last byte would have crossed the wire.
-  auto dueAt = [&](const Emission& e) {
-    if (options_.PaceBaud <= 0) return e.AtMicros;
-    const auto wireUs = static_cast<int64_t>(e.Bytes.size()) * 10'000'000 / options_.PaceBaud;
-    return std::max(e.AtMicros, lineFreeUs) + wireUs;
+  auto nextHandover = [&] {
+    if (wire) return toTool.NextHandover();
+    return due.empty() ? std::numeric_limits<int64_t>::max() : due.front().AtMicros;
+  };
+  auto handOver = [&](int64_t At, int64_t Now) {
+    if (wire) {
+      toTool.TakeHandedOver(At, line);
+    } else {
+      line += due.front().Bytes;
+      due.pop_front();
+    }
+    ++stats_.Handovers;
+    stats_.LateMicrosTotal += Now - At;
+    stats_.LateMicrosMax = std::max(stats_.LateMicrosMax, Now - At);
   };
 
   for (;;) {
     int64_t now = MonotonicMicros();
-    while (!due.empty() && dueAt(due.front()) <= now) {
-      lineFreeUs = dueAt(due.front());
-      line += due.front().Bytes;
-      due.pop_front();
+    while (!heard.empty() && heard.front().AtMicros <= now) {
+      out.clear();
+      module_.Receive(heard.front().Bytes, heard.front().AtMicros, out);
+      heard.pop_front();
+      for (Emission& e : out) {
+        if (wire) {
+          toTool.Send(e.AtMicros, e.Bytes);
+        } else {
+          due.push_back(std::move(e));
+        }
+      }
     }
+    for (int64_t at = nextHandover(); at <= now; at = nextHandover()) handOver(at, now);
+    if (toolGone) line.clear();
     if (!line.empty()) {
       const ssize_t n = write(master_fd_, line.data(), line.size());
       if (n > 0) line.erase(0, static_cast<size_t>(n));
       if (n < 0 && errno != EAGAIN && errno != EINTR) line.clear();
     }
 
-    int64_t waitUs = kLongestWaitMicros;
-    if (!due.empty()) waitUs = std::clamp<int64_t>(dueAt(due.front()) - now, 0, kLongestWaitMicros);
+    int64_t next = nextHandover();
+    if (!heard.empty()) next = std::min(next, heard.front().AtMicros);
+    const int64_t waitUs =
+        std::clamp<int64_t>(next - MonotonicMicros() - kSpinMicros, 0, kLongestWaitMicros);
+    const timespec wait{static_cast<time_t>(waitUs / 1'000'000),
+                        static_cast<long>(waitUs % 1'000'000) * 1000};
     pollfd fds[2] = {
         {master_fd_, static_cast<short>(POLLIN | (line.empty() ? 0 : POLLOUT)), 0},
         {wake_fd_, POLLIN, 0},
     };
-    // Rounded up, so an answer due within the next millisecond does not spin the loop.
-    if (poll(fds, 2, static_cast<int>((waitUs + 999) / 1000)) < 0 && errno != EINTR) break;
+    if (ppoll(fds, 2, &wait, nullptr) < 0 && errno != EINTR) break;
     if ((fds[1].revents & POLLIN) != 0) break;
 
     bool hungUp = false;
@@ -133,9 +166,9 @@ void PtyHost::Serve() {
       const ssize_t n = read(master_fd_, buffer.data(), buffer.size());
       if (n > 0) {
         now = MonotonicMicros();
-        out.clear();
-        module_.Receive(std::string_view(buffer.data(), static_cast<size_t>(n)), now, out);
-        due.insert(due.end(), out.begin(), out.end());
+        const auto count = static_cast<size_t>(n);
+        heard.push_back(
+            {wire ? toModule.Carry(now, count) : now, std::string(buffer.data(), count)});
       } else if (n < 0 && errno == EIO) {
         hungUp = true;
       }
@@ -147,8 +180,10 @@ void PtyHost::Serve() {
       continue;
     }
     // No tool has the port open: what it would have heard is lost, as on a real line, and
-    // nothing written meanwhile may greet the next tool that opens it.
+    // nothing written meanwhile may greet the next tool that opens it. What the tool wrote
+    // before it left still reaches the module.
     due.clear();
+    toTool.Clear();
     line.clear();
     if (!toolGone) tcflush(master_fd_, TCOFLUSH);
     toolGone = true;

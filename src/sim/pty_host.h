@@ -2,25 +2,35 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "sim/module_peer.h"
+#include "sim/wire_line.h"
 
 namespace palimbo::sim {
 
-/// How the host puts the module's answers on the line.
+/// How the host carries bytes between the terminal and the module.
 struct PtyHostOptions {
-  /// Each answer reaches the terminal when its last byte would have crossed a line of this
-  /// baud rate (10 bits a byte), one answer after the other; 0 writes it at once when due.
-  int32_t PaceBaud = 0;
+  /// With it, both directions take the line's time and answers wait in the adapter, as on a
+  /// real installation. Without it, what the tool writes reaches the module at once and each
+  /// answer goes to the terminal when the module has it due.
+  std::optional<WireSettings> Wire;
+};
+
+/// How closely the host kept to the times it was given. Read it after `Stop`.
+struct PtyHostStats {
+  int64_t Handovers = 0;        ///< times answer bytes went to the terminal
+  int64_t LateMicrosTotal = 0;  ///< how much later than due they went, all together
+  int64_t LateMicrosMax = 0;
 };
 
 /// A pseudo-terminal whose far end is a simulated module, so the real serial layer can open it.
 ///
 /// A background thread feeds the module with what the tool writes, stamped with the monotonic
-/// time in microseconds, and writes each answer when it is due. The host never opens the
-/// terminal side itself: the tool may open it exclusively, close it and open it again.
+/// time in microseconds at which it arrives, and writes each answer when it is due. The host never
+/// opens the terminal side itself: the tool may open it exclusively, close it and open it again.
 /// While the host runs, only its thread touches the module.
 class PtyHost {
  public:
@@ -39,6 +49,9 @@ class PtyHost {
   /// Ends the thread; answers still due are dropped. Harmless to call twice.
   void Stop();
 
+  /// The host's timing so far; only valid once `Stop` has returned.
+  const PtyHostStats& Stats() const { return stats_; }
+
  private:
   PtyHost(ModulePeer& Module, int MasterFd, int WakeFd, std::string SlavePath,
           PtyHostOptions Options);
@@ -49,6 +62,7 @@ class PtyHost {
   int wake_fd_;
   std::string slave_path_;
   PtyHostOptions options_;
+  PtyHostStats stats_;
   std::thread thread_;
 };
 

@@ -133,6 +133,15 @@ SimulatedModule::FaultEffect SimulatedModule::MatchFaults(uint8_t Command) const
       case FaultKind::WrongValue:
         effect.WrongValue = true;
         break;
+      case FaultKind::TruncateAnswer:
+        effect.Keep = effect.Keep < 0 ? f.Position : std::min(effect.Keep, f.Position);
+        break;
+      case FaultKind::CorruptByte:
+        effect.Flips.emplace_back(f.Position, f.Mask);
+        break;
+      case FaultKind::NoiseAfter:
+        effect.Noise.push_back({f.DelayMicros, f.Garbage});
+        break;
     }
   }
   return effect;
@@ -150,11 +159,12 @@ void SimulatedModule::OnFrame(std::string_view Payload, int64_t NowMicros,
   ++frames_;
   ++counts_[command];
   const std::string_view data = Payload.substr(1);
-  commands_.push_back({command, std::string(data), NowMicros});
+  commands_.push_back({command, std::string(data), NowMicros, {}, 0});
 
   const FaultEffect fault = MatchFaults(command);
   Answer answer = direct ? HandleDirect(command, data, fault.BadWrite)
                          : HandleCcb(command, data, fault.BadWrite);
+  int64_t noiseFrom = NowMicros;  // the noise follows the answer, or the command without one
   if (answer.Send && !fault.Lose) {
     if (fault.Negative)
       answer.Payload = direct ? ByteString({'R', command, 0}) : ByteString({0, command});
@@ -165,8 +175,22 @@ void SimulatedModule::OnFrame(std::string_view Payload, int64_t NowMicros,
     }
     std::string frame = EncodeFrame(direct ? kDirectStart : kCcbStart, answer.Payload);
     if (fault.Corrupt) frame.back() = static_cast<char>(~ByteAt(frame, frame.size() - 1));
-    Emit(NowMicros + settings_.TurnaroundMicros + fault.DelayMicros, fault.Garbage + frame, Out);
+    for (const auto& [position, mask] : fault.Flips) {
+      const size_t i = static_cast<size_t>(std::max(position, 0)) % frame.size();
+      frame[i] = static_cast<char>(ByteAt(frame, i) ^ mask);
+    }
+    if (fault.Keep >= 0) frame.resize(static_cast<size_t>(fault.Keep) % frame.size());
+    const int64_t delay = settings_.TurnaroundMicros + fault.DelayMicros +
+                          (answer.Wrote ? settings_.FlashWriteMicros : 0);
+    std::string bytes = fault.Garbage + frame;
+    const int64_t at = Emit(NowMicros + delay, bytes, Out);
+    if (at >= 0) {
+      commands_.back().Answer = std::move(bytes);
+      commands_.back().AnswerAtMicros = at;
+      noiseFrom = at;
+    }
   }
+  for (const Emission& noise : fault.Noise) Emit(noiseFrom + noise.AtMicros, noise.Bytes, Out);
   if (command == (direct ? kCmdReboot : kCcbReboot)) BackToEntry();
 }
 
@@ -202,9 +226,12 @@ SimulatedModule::Answer SimulatedModule::HandleDirect(uint8_t Command, std::stri
       if (Data.size() != 4) return negative;
       const size_t address = BigEndian32(Data);
       if (address > flash_.size() || flash_.size() - address < pageSize) return negative;
+      const auto refused = static_cast<size_t>(settings_.RefusePage);
+      if (settings_.RefusePage >= 0 && address == pageSize * refused) return {};
       if (page_buffer_.size() < pageSize) page_buffer_.resize(pageSize, '\xFF');
       WriteFlash(address, std::string_view(page_buffer_).substr(0, pageSize), BadWrite);
       Answer answer = positive;
+      answer.Wrote = true;
       AppendHighLow(answer.Payload, Crc16Of(std::string_view(flash_).substr(address, pageSize)));
       return answer;
     }
@@ -228,7 +255,7 @@ SimulatedModule::Answer SimulatedModule::HandleCcb(uint8_t Command, std::string_
       if (address > flash_.size() || flash_.size() - address < block.size()) return {};
       if (settings_.RefuseBlock >= 0 && address == size_t{128} * settings_.RefuseBlock) return {};
       WriteFlash(address, block, BadWrite);
-      return positive;
+      return {true, positive.Payload, true};
     }
     case kCcbFinish:
       return settings_.AnswerFinish ? positive : Answer{};
@@ -254,11 +281,20 @@ void SimulatedModule::WriteFlash(size_t Address, std::string_view Data, bool Cor
   flash_used_ = std::max(flash_used_, Address + Data.size());
 }
 
-void SimulatedModule::Emit(int64_t AtMicros, std::string Data, std::vector<Emission>& Out) {
-  if (settings_.Silent || Data.empty()) return;
+int64_t SimulatedModule::Emit(int64_t AtMicros, std::string Data, std::vector<Emission>& Out) {
+  if (settings_.Silent || Data.empty()) return -1;
   // One line, one talker: an answer never overtakes one that is still due.
   last_emit_us_ = std::max(AtMicros, last_emit_us_);
   Out.push_back({last_emit_us_, std::move(Data)});
+  return last_emit_us_;
+}
+
+void SimulatedModule::Restart() {
+  mode_ = Mode::Entry;
+  polls_since_boot_ = 0;
+  stray_sent_ = false;
+  page_buffer_.clear();
+  rx_.clear();
 }
 
 void SimulatedModule::BackToEntry() {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "sim/module_peer.h"
@@ -41,6 +42,10 @@ enum class FaultKind {
   NegativeAnswer,  ///< direct: "R", echo, 0; CCB: a valid frame with answer code 0
   BadWrite,        ///< "P", "D", CCBBlock: one byte lands wrong; "P"/"D" report its CRC
   WrongValue,      ///< the value an answer carries (a CRC) comes back one too high
+  TruncateAnswer,  ///< the answer breaks off after `Position` bytes, taken modulo its length
+  CorruptByte,     ///< the answer's byte at `Position`, modulo its length, is XORed with `Mask`
+  NoiseAfter,      ///< `Garbage` follows `DelayMicros` after the answer began (after the
+                   ///< command, when no answer goes out), as noise between frames
 };
 
 /// Matches every framed command in `Fault::Command`.
@@ -55,7 +60,10 @@ struct Fault {
   int Occurrence = kEveryTime;  ///< 1-based count of that command (of any frame for
                                 ///< `kAnyCommand`), or `kEveryTime`
   int64_t DelayMicros = 0;      ///< for `LateAnswer`
-  std::string Garbage = std::string("\xAA\x00\xAA", 3);  ///< for `GarbageFirst`
+  std::string Garbage = std::string("\xAA\x00\xAA", 3);  ///< for `GarbageFirst`, `NoiseAfter`
+  /// For `TruncateAnswer` and `CorruptByte`.
+  int Position = 0;
+  uint8_t Mask = 0xFF;  ///< for `CorruptByte`; 0 leaves the byte as it is
 };
 
 /// How the simulated module behaves. The defaults are a well-behaved direct bootloader.
@@ -71,6 +79,8 @@ struct ModuleSettings {
   std::string StrayBytes;             ///< sent once, in front of the first answer
   int AnswerPieces = 1;               ///< the entry answer is spread over this many polls
   int64_t TurnaroundMicros = 10'000;  ///< from the end of a request to its answer
+  /// Writing a page ("P", "D") or a block (CCBBlock) into flash delays its answer this much more.
+  int64_t FlashWriteMicros = 0;
 
   // Commands.
   bool SupportsCrc = true;   ///< direct "C" is answered positively
@@ -78,6 +88,7 @@ struct ModuleSettings {
   bool AnswerEnter = true;   ///< CCBEnter is answered
   bool AnswerFinish = true;  ///< CCBFinish is answered
   int RefuseBlock = -1;      ///< CCBBlock at address k × 128 is never answered; -1 for none
+  int RefusePage = -1;       ///< "P"/"D" at address k × PageSize is never answered, nor written
   int CheckBytes = 2;        ///< number bytes in the answer to CCBCheck: 2 or 4
 
   /// Silence of the line after which a half-received frame is given up.
@@ -86,11 +97,13 @@ struct ModuleSettings {
   std::vector<Fault> Faults;
 };
 
-/// One framed command as the module heard it.
+/// One framed command as the module heard it, and what it sent back.
 struct ReceivedCommand {
   uint8_t Command = 0;
   std::string Data;  ///< the payload behind the command byte
   int64_t AtMicros = 0;
+  std::string Answer;          ///< the bytes sent back, garbage included; empty for none
+  int64_t AnswerAtMicros = 0;  ///< when the answer began to leave
 };
 
 /// A bootloader on the far end of the line, for tests, the demo and `palimbo-cli simulate`.
@@ -121,6 +134,9 @@ class SimulatedModule final : public ModulePeer {
   int PollCount() const { return polls_; }
   /// Times the module went back to the entry handshake after a reboot command.
   int RebootCount() const { return reboots_; }
+  /// Power off and on with the switch held: back at the entry handshake, the flash kept, and
+  /// whatever it was hearing or held in its page buffer gone.
+  void Restart();
 
   /// The frame with `Start` around `Payload`: length, payload, CRC high and low.
   static std::string EncodeFrame(uint8_t Start, std::string_view Payload);
@@ -130,6 +146,7 @@ class SimulatedModule final : public ModulePeer {
   struct Answer {
     bool Send = false;
     std::string Payload;
+    bool Wrote = false;  // the command wrote flash, which takes its time
   };
   /// The fault rules that match one command, folded together.
   struct FaultEffect {
@@ -140,6 +157,9 @@ class SimulatedModule final : public ModulePeer {
     bool WrongValue = false;
     int64_t DelayMicros = 0;
     std::string Garbage;
+    int Keep = -1;  // bytes of the answer that go out; -1 for all
+    std::vector<std::pair<int, uint8_t>> Flips;
+    std::vector<Emission> Noise;  // AtMicros counts from the answer
   };
 
   void ParseInput(int64_t NowMicros, std::vector<Emission>& Out);
@@ -149,7 +169,8 @@ class SimulatedModule final : public ModulePeer {
   Answer HandleCcb(uint8_t Command, std::string_view Data, bool BadWrite);
   FaultEffect MatchFaults(uint8_t Command) const;
   void WriteFlash(size_t Address, std::string_view Bytes, bool Corrupt);
-  void Emit(int64_t AtMicros, std::string Bytes, std::vector<Emission>& Out);
+  /// Returns when the bytes leave, or -1 when a silent module keeps them.
+  int64_t Emit(int64_t AtMicros, std::string Bytes, std::vector<Emission>& Out);
   void BackToEntry();
 
   ModuleSettings settings_;

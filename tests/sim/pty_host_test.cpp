@@ -43,5 +43,68 @@ TEST(PtyHostTest, EntryHandshakeThroughTheSerialLayerSurvivesReopening) {
   EXPECT_EQ(module.PollCount(), 4);
 }
 
+int64_t NowMicros() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// On the wire the tool's bytes are heard only when their last one is through, and answers
+// reach the terminal no earlier than the line and the adapter allow. Late is possible on a
+// busy machine; early never.
+TEST(PtyHostTest, WireHoldsBytesForTheLineAndTheAdapter) {
+  struct Row {
+    const char* Name;
+    std::string Request;
+    int64_t LatencyMicros;
+    std::string Answer;
+    int64_t HeardAfter;     // the request's wire time
+    int64_t AnsweredAfter;  // plus the answer's way through the adapter
+    int64_t Handovers;      // the adapter's packets that carry the answer
+  };
+  const std::string fill = SimulatedModule::EncodeFrame(kDirectStart, "F" + std::string(130, 0));
+  const Row rows[] = {
+      // 173 µs for the poll; the 4-byte answer waits 16 ms after its first byte.
+      {"poll, 16 ms", "i", 16'000, std::string("O\0\1\0", 4), 173, 173 + 173 + 16'000, 1},
+      // 23437 µs for 135 bytes; 6 of the 7 answer bytes go after 1173 µs, the last at 2215.
+      {"fill frame, 1 ms", fill, 1'000, SimulatedModule::EncodeFrame(kDirectStart, "RF\1"), 23'437,
+       23'437 + 2'215, 2},
+  };
+  for (const Row& r : rows) {
+    ModuleSettings settings;
+    settings.TurnaroundMicros = 0;
+    SimulatedModule module(settings);
+    std::string error;
+    auto host = PtyHost::Open(module, error, {WireSettings{57600, r.LatencyMicros, 62}});
+    ASSERT_NE(host, nullptr) << error;
+    auto port = MakeSystemSerialBackend();
+    int32_t handle = Comm_oeffnen_32(*port, host->SlavePath() + ":57600,N,8,1");
+    ASSERT_GE(handle, 0) << port->LastOpenError();
+    // An idle host thread answers faster than one still getting to its first wait.
+    std::this_thread::sleep_for(20ms);
+
+    const int64_t written = NowMicros();
+    Comm_schreiben_32(*port, handle, r.Request);
+    std::string got, chunk;
+    int64_t complete = 0;
+    while (got.size() < r.Answer.size() && NowMicros() - written < 2'000'000) {
+      Comm_warten_32(*port, handle, 1'000);
+      Comm_lesen_32(*port, handle, chunk);
+      if (chunk.empty()) continue;
+      got += chunk;
+      complete = NowMicros();
+    }
+    Comm_close_32(*port, handle);
+    host->Stop();
+    EXPECT_EQ(got, r.Answer) << r.Name;
+    EXPECT_GE(complete - written, r.AnsweredAfter) << r.Name;
+    if (r.Request != "i") {
+      ASSERT_EQ(module.Commands().size(), 1u) << r.Name;
+      EXPECT_GE(module.Commands()[0].AtMicros - written, r.HeardAfter) << r.Name;
+    }
+    EXPECT_EQ(host->Stats().Handovers, r.Handovers) << r.Name;
+  }
+}
+
 }  // namespace
 }  // namespace palimbo::sim
