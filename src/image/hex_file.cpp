@@ -1,11 +1,9 @@
 #include "image/hex_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <filesystem>
 #include <string>
-#include <system_error>
+
+#include "image/file_read.h"
 
 namespace palimbo {
 
@@ -155,7 +153,9 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
         break;
       }
       case 2:
-        if (byteCount == 2 && address == 0 && data.size() >= 2) {
+        // Only the published form, two data bytes of a segment, gives a base; a byte count
+        // of 2 over other data comes from lines run together by mixed line ends.
+        if (byteCount == 2 && address == 0 && data.size() == 2) {
           baseAddress =
               (int64_t{static_cast<uint8_t>(data[0])} * 256 + static_cast<uint8_t>(data[1])) * 16;
         } else {
@@ -178,31 +178,25 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
 }
 
 HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted) {
-  const auto failedOpen = [](int err) {
-    HexReadResult result;
-    result.Reason = "cannot open file: " + std::generic_category().message(err);
-    return result;
-  };
-  std::FILE* file = std::fopen(Filename.c_str(), "rb");
-  if (file == nullptr) return failedOpen(errno);
-
-  // The size is only a hint for one read; reading on to the end copes with a file that changed.
-  std::error_code sizeError;
-  const auto hint = std::filesystem::file_size(Filename, sizeError);
-  std::string text(sizeError ? 0 : static_cast<size_t>(hint), '\0');
-  size_t got = std::fread(text.data(), 1, text.size(), file);
-  char chunk[65536];
-  while (!std::ferror(file) && !std::feof(file)) {
-    const size_t more = std::fread(chunk, 1, sizeof chunk, file);
-    text.append(chunk, more);
-    got += more;
+  const FileBytes file = ReadRegularFile(Filename, kHexFileMaxBytes);
+  HexReadResult result;
+  switch (file.Problem) {
+    case FileProblem::None:
+      return ReadHexText(file.Bytes, IsEncrypted);
+    case FileProblem::NotRegular:
+      result.Reason = "not a regular file (" + file.Detail + ")";
+      break;
+    case FileProblem::TooLarge:
+      result.Reason = "file larger than " + std::to_string(kHexFileMaxBytes >> 20) + " MiB";
+      break;
+    case FileProblem::CannotOpen:
+      result.Reason = "cannot open file: " + file.Detail;
+      break;
+    case FileProblem::ReadError:
+      result.Reason = "read error: " + file.Detail;
+      break;
   }
-  const int err = errno;
-  const bool readFailed = std::ferror(file) != 0;
-  std::fclose(file);
-  if (readFailed) return failedOpen(err);
-  text.resize(got);
-  return ReadHexText(text, IsEncrypted);
+  return result;
 }
 
 }  // namespace palimbo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -9,8 +10,13 @@ namespace palimbo {
 /// Highest index of the image buffer: an image holds at most 100001 bytes.
 inline constexpr int32_t kImageMaxIndex = 100000;
 
+/// Largest firmware file that is read: the HEX text of a full image takes about 280 KiB.
+inline constexpr size_t kHexFileMaxBytes = size_t{16} << 20;
+
 /// The outcome of reading a firmware file. On failure the image is empty and `Reason` says
-/// why, with the 1-based line where one applies ("line 12: checksum mismatch").
+/// why: with the 1-based line where one applies ("line 12: checksum mismatch"), else the cause
+/// ("not a regular file (a directory)", "file larger than 16 MiB",
+/// "cannot open file: No such file or directory", "read error: Input/output error").
 struct HexReadResult {
   std::string FirmwareString;  ///< the flat image; byte n belongs at device address n
   std::string Reason;          ///< empty when the read succeeded
@@ -18,7 +24,8 @@ struct HexReadResult {
 };
 
 /// Reads an Intel HEX file into the flat image. Sets `IsEncrypted` when the file holds a
-/// marker record of type 255; never clears it.
+/// marker record of type 255; never clears it. Only a regular file of at most
+/// `kHexFileMaxBytes` is read; anything else is refused before it can block.
 HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted);
 
 /// The same on a text already in memory, one character a byte.

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <utility>
 
+#include "image/file_cases.h"
+#include "image/file_read.h"
 #include "image/hex_file.h"
+#include "image/hostile_corpus.h"
 
 namespace palimbo {
 namespace {
@@ -60,6 +62,15 @@ const ReadCase kReadCases[] = {
     {"LastIndex", Seg1000 + ":0186A0005584", Zeros(100000) + "55", ""},
     {"PastLastIndex", Seg1000 + ":0186A1005583", "", "line 2: data beyond address 100000"},
     {"Marker", ":000000FF01\r\n" + A, "55", "", true},
+    // Only a segment record of exactly two data bytes sets the base; any other resets it.
+    {"SegmentThreeDataBytes", Seg100 + ":02000002010000FB\r\n" + A, "55", ""},
+    {"SegmentOneDataByte", Seg100 + ":0200000201FB\r\n" + A, "55", ""},
+    {"SegmentNoDataBytes", Seg100 + ":02000002FC\r\n" + A, "55", ""},
+    {"SegmentNotAtZero", Seg100 + ":020010020100EB\r\n" + A, "55", ""},
+    // An LF before a later CR LF joins the segment and a data record into one line whose
+    // checksum fits; it must not move the data to 0x1000.
+    {"SegmentJoinedByMixedEnds", ":020000020100FB\n" + A + "\r\n" + B, "00AA", ""},
+    {"SegmentResetByJoinedLine", Seg100 + ":020000020100FB\n" + A + "\r\n" + B, "00AA", ""},
 };
 // clang-format on
 
@@ -77,15 +88,77 @@ TEST(ReadHexText, GivesImageOrReason) {
   EXPECT_TRUE(encrypted) << "a file without the marker clears it";
 }
 
-TEST(ReadHexFile, ReadsOrSaysWhyNot) {
-  const std::string path = ::testing::TempDir() + "palimbo-" + std::to_string(getpid()) + ".hex";
-  std::ofstream(path, std::ios::binary) << kWorkedExample;
+using testing::FileCase;
+using testing::ReadHexFileCase;
+
+TEST_P(ReadHexFileCase, ReadsOrSaysWhyNot) {
   bool encrypted = false;
-  EXPECT_EQ(MakeHex(ReadHexFile(path, encrypted).FirmwareString), "AABB" + Zeros(14) + "11");
-  std::remove(path.c_str());
-  EXPECT_EQ(ReadHexFile(path, encrypted).Reason, "cannot open file: No such file or directory");
-  EXPECT_EQ(ReadHexFile(::testing::TempDir(), encrypted).Reason,
-            "cannot open file: Is a directory");
+  const HexReadResult result = ReadHexFile(GetParam().Make(), encrypted);
+  EXPECT_EQ(result.Reason, GetParam().Reason);
+  if (!result.Ok()) {
+    EXPECT_TRUE(result.FirmwareString.empty());
+  }
+}
+
+constexpr uintmax_t kMiB = uintmax_t{1} << 20;
+
+INSTANTIATE_TEST_SUITE_P(
+    Portable, ReadHexFileCase,
+    ::testing::Values(
+        FileCase{"Regular", [] { return testing::WriteTempFile("a.hex", A); }, ""},
+        FileCase{"Missing", [] { return testing::WriteTempFile("a.hex", "") + ".missing"; },
+                 "cannot open file: No such file or directory"},
+        FileCase{"EmptyName", [] { return std::string(); },
+                 "cannot open file: No such file or directory"},
+        FileCase{"Directory", [] { return testing::TestFolder().string(); },
+                 "not a regular file (a directory)"},
+        FileCase{"OneByteOverTheLimit",
+                 [] { return testing::SparseFile("big.hex", 16 * kMiB + 1); },
+                 "file larger than 16 MiB"},
+        // A file of exactly the limit is read: its zeros make one record that runs off the end.
+        FileCase{"AtTheLimit", [] { return testing::SparseFile("big.hex", 16 * kMiB); },
+                 "line 1: data beyond address 100000"}),
+    testing::CaseName);
+
+TEST(ReadRegularFile, NeverHoldsMoreThanTheLimit) {
+  const std::string ten = testing::WriteTempFile("ten", "0123456789");
+  const std::string empty = testing::WriteTempFile("empty", "");
+  struct Row {
+    const std::string& Path;
+    size_t Limit;
+    FileProblem Problem;
+    const char* Bytes;
+  };
+  const Row rows[] = {{ten, 10, FileProblem::None, "0123456789"},
+                      {ten, 9, FileProblem::TooLarge, ""},
+                      {empty, 0, FileProblem::None, ""}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.Path + " limit " + std::to_string(row.Limit));
+    const FileBytes file = ReadRegularFile(row.Path, row.Limit);
+    EXPECT_EQ(file.Problem, row.Problem) << file.Detail;
+    EXPECT_EQ(file.Bytes, row.Bytes);
+  }
+}
+
+TEST(ReadHexFile, HostileCorpusFailsWithItsReason) {
+  const auto corpus = testing::HostileCorpus();
+  std::set<std::string> listed;
+  for (const auto& file : corpus) {
+    SCOPED_TRACE(file.Path);
+    listed.insert(std::filesystem::path(file.Path).filename().string());
+    bool encrypted = false;
+    const HexReadResult result = ReadHexFile(file.Path, encrypted);
+    EXPECT_EQ(result.Reason, file.Reason);
+    EXPECT_TRUE(result.FirmwareString.empty());
+  }
+  // A file added to the folder without its reason would go untested.
+  for (const auto& entry : std::filesystem::directory_iterator(testing::HostileCorpusDir())) {
+    const std::string name = entry.path().filename().string();
+    if (name != "reasons.txt") {
+      EXPECT_EQ(listed.count(name), 1u) << name << " has no reason";
+    }
+  }
+  EXPECT_GE(corpus.size(), 8u);
 }
 
 TEST(MakeBin, LengthsAndNonHexStop) {
