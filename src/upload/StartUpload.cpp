@@ -67,12 +67,14 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
     ReplyBuffer += Chunk;
     if (ReplyBuffer.find('X') != std::string::npos) {
       Ctx.LastAnswerTick = Ctx.GetTickCount();
+      Ctx.NoteProgress(1);
       Ctx.Protocol = "ccb";
       return EntryResult::Ccb;
     }
     if (ReplyBuffer.size() > 3) {
       if (ReplyBuffer[0] == 'O') {
         Ctx.LastAnswerTick = Ctx.GetTickCount();
+        Ctx.NoteProgress(1);
         Ctx.Protocol = "direct";
         PageSize = PageSizeOf(Ctx, ReplyBuffer);
         return EntryResult::Direct;
@@ -91,6 +93,7 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
   Ctx.Log("Failed to enter bootloader mode - TRYING ANYWAYS..");
   // The operator vouches for the module, so the time spent on the question is no silence.
   Ctx.LastAnswerTick = Ctx.GetTickCount();
+  Ctx.NoteProgress(1);
   Ctx.Protocol = "direct";
   PageSize = kDefaultPageSize;
   return EntryResult::Direct;
@@ -114,6 +117,7 @@ UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std:
             "cannot open port " + ComPort + ": " + Ctx.Port().LastOpenError()};
   }
   Ctx.LastAnswerTick = Ctx.GetTickCount();
+  Ctx.NoteProgress(0);
   EscapeCommFunction(Ctx.Port(), Ctx.PortHandle, SETDTR);
   Ctx.Log(ComPort + " opened.");
   SettlingDrain(Ctx);
@@ -149,6 +153,7 @@ UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
   const FineTimerResolution fineTimer;
   Ctx.Cancel = false;
   Ctx.LastAnswerTick = -1;
+  Ctx.ResetProgress();
   Ctx.GiveUpReason.clear();
   Ctx.Protocol.clear();
   UploadResult result = RunJob(Ctx, FirmwareFile, ComPort);

@@ -54,6 +54,7 @@ TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& Firmwa
       return TransferResult::Refused;
     }
     Ctx.Log("Transfer ok.");
+    Ctx.NoteProgress(2 + int64_t{BlockAddress} + static_cast<int64_t>(Block.size()));
   }
   return TransferResult::Sent;
 }

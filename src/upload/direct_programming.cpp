@@ -114,6 +114,7 @@ bool RunPagePass(DirectUpload& Job) {
     do {
       if (!WritePageOnce(Job, link, PageAddress)) return false;
     } while (Job.Status != Job.PageCRC);
+    Job.Ctx.NoteProgress(2 + int64_t{PageAddress} + Job.PageSize);
   }
   return true;
 }

@@ -12,7 +12,8 @@ inline constexpr int32_t kDefaultNoAnswerSeconds = 60;
 
 /// A way out of a job that would otherwise never end by itself, for front ends without an
 /// operator at CANCEL: the port has gone away under the job, or the module has not answered
-/// positively for a while (the entry poll and the endless repeats know no limit).
+/// positively for a while, or has answered without the job getting any further for twice that
+/// while (the entry poll and the endless repeats know no limit).
 ///
 /// A front end calls `Check` from its event pump. When it gives up it sets `Cancel`, exactly
 /// as a confirmed CANCEL does, and leaves its reason in `GiveUpReason`, where the job finds
@@ -23,7 +24,8 @@ class GiveUpWatch {
   GiveUpWatch(std::string PortName, int32_t NoAnswerSeconds);
 
   /// Looks at the job once; true when it gave up at this look.
-  /// Reasons: "port NAME lost: <system message>", "no answer from the module for N s".
+  /// Reasons: "port NAME lost: <system message>", "no answer from the module for N s",
+  /// "no progress for 2N s: the module answers, but takes no further part of the image".
   bool Check(JobContext& Ctx);
 
  private:

@@ -61,12 +61,29 @@ class JobContext {
   /// poll. A job sets it to -1 when it starts and to the tick of opening its port after that,
   /// so its age is how long the module has been silent.
   int64_t LastAnswerTick = -1;
+  /// Tick at which the job last got further than ever before: its port opened, the entry
+  /// answered, or the module took a page or block of the image for the first time. A job that
+  /// keeps repeating what it has done before, however much the module answers, stays at it.
+  int64_t LastProgressTick = -1;
   /// Why the front end gave up on the job (`GiveUpWatch` sets it together with `Cancel`);
   /// empty when it did not. A job clears it when it starts.
   std::string GiveUpReason;
   /// The bootloader's protocol, "direct" or "ccb", once the entry answer has told it; empty
   /// before. A job clears it when it starts.
   std::string Protocol;
+
+  /// Notes how far the job has come: 0 the port is open, 1 the bootloader answered, 2 + n the
+  /// module holds the image's first n bytes. Only a step beyond every earlier one is progress.
+  void NoteProgress(int64_t Reached) {
+    if (Reached <= progress_mark_) return;
+    progress_mark_ = Reached;
+    LastProgressTick = GetTickCount();
+  }
+  /// Forgets all progress, as a new job starts.
+  void ResetProgress() {
+    progress_mark_ = -1;
+    LastProgressTick = -1;
+  }
 
   void Log(const std::string& Text) { log_.Log(Text); }
   /// Repaints the bar and then pumps events, as the window's own `SetProgress` does.
@@ -95,6 +112,7 @@ class JobContext {
   OperatorQuestion& question_;
   Clock& clock_;
   SerialBackend& port_;
+  int64_t progress_mark_ = -1;
 };
 
 }  // namespace palimbo
