@@ -4,9 +4,11 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <optional>
 
 #include "cli/args.h"
+#include "cli/command_line.h"
 #include "cli/commands.h"
 #include "sim/ideal_time.h"
 #include "sim/pty_host.h"
@@ -18,10 +20,12 @@ namespace {
 
 constexpr const char* kUsage =
     "Usage: palimbo-cli simulate [OPTIONS]\n"
-    "Serves a simulated module on a pseudo-terminal. Prints the device path on the first\n"
-    "line, then answers the tool until SIGINT or SIGTERM.\n\n"
+    "Serves simulated modules on pseudo-terminals. Prints each one's device path on a line of\n"
+    "its own, then answers the tool until SIGINT or SIGTERM.\n\n"
     "Options:\n"
-    "  --protocol direct|ccb  bootloader protocol (default direct)\n"
+    "  --count N              serve N independent modules (default 1)\n"
+    "  --protocol LIST        bootloader protocol, direct or ccb (default direct); a list such\n"
+    "                         as direct,ccb gives one a module, its last one for the rest\n"
     "  --page-size N          page size told in the \"O\" answer (default 256)\n"
     "  --echo                 echo each \"i\" poll before the answer\n"
     "  --no-crc               answer the \"C\" command negatively\n"
@@ -33,7 +37,8 @@ constexpr const char* kUsage =
     "  --flash-ms N           writing a page or block delays its answer N ms more (default 4)\n"
     "  --no-reboot-answer     do not answer the reboot command\n"
     "  --check-bytes 2|4      number bytes in the CCB check answer (default 2)\n"
-    "  --refuse-block K       never answer the CCB block at address K * 128\n"
+    "  --refuse-block LIST    never answer the CCB block at address K * 128; a list gives one K\n"
+    "                         a module, -1 for none (default -1)\n"
     "  --wire                 carry both directions at 57600 baud, 8N1, with the latency of a\n"
     "                         USB adapter towards the tool; on exit, print the ideal time of\n"
     "                         the upload on such a line\n"
@@ -41,6 +46,7 @@ constexpr const char* kUsage =
     "                         low-latency mode, 0 hands on each byte as it arrives)\n"
     "  --pace                 the same as --wire --latency-ms 0\n"
     "  --dump FILE            write the flash, up to the highest written byte, on exit\n"
+    "                         (FILE.1, FILE.2, ... with several modules)\n"
     "  --help                 show this help\n";
 
 int HexDigit(char c) {
@@ -65,40 +71,30 @@ std::string ParseHexBytes(const std::string& Text) {
   return bytes;
 }
 
-sim::ModuleSettings SettingsFrom(const ParsedArgs& Parsed) {
-  sim::ModuleSettings s;
-  const std::string protocol = Parsed.Value("--protocol", "direct");
-  if (protocol == "ccb") {
-    s.Protocol = sim::BootProtocol::Ccb;
-  } else if (protocol != "direct") {
-    throw UsageError("--protocol wants direct or ccb, not '" + protocol + "'");
-  }
-  s.PageSize = static_cast<int32_t>(Parsed.IntValue("--page-size", 256, 1, 0xFFFFFF));
-  s.EchoPoll = Parsed.Has("--echo");
-  s.SupportsCrc = !Parsed.Has("--no-crc");
-  s.Silent = Parsed.Has("--silent");
-  s.AnswerAfterPolls = static_cast<int>(Parsed.IntValue("--answer-after", 0, 0, 100000));
-  s.StrayBytes = ParseHexBytes(Parsed.Value("--stray"));
-  s.AnswerPieces = static_cast<int>(Parsed.IntValue("--pieces", 1, 1, 4));
-  s.TurnaroundMicros = Parsed.IntValue("--turnaround-ms", 10, 0, 60000) * 1000;
-  s.FlashWriteMicros = Parsed.IntValue("--flash-ms", 4, 0, 60000) * 1000;
-  s.AnswerReboot = !Parsed.Has("--no-reboot-answer");
-  s.CheckBytes = static_cast<int>(Parsed.IntValue("--check-bytes", 2, 2, 4));
-  s.RefuseBlock = static_cast<int>(Parsed.IntValue("--refuse-block", -1, 0, 100000));
-  if (s.CheckBytes == 3) throw UsageError("--check-bytes wants 2 or 4, not '3'");
-  return s;
+// The value of a per-module list for module `Index`: its own, or the list's last.
+const std::string& ForModule(const std::vector<std::string>& List, size_t Index) {
+  return List[std::min(Index, List.size() - 1)];
 }
 
-std::optional<sim::WireSettings> WireFrom(const ParsedArgs& Parsed) {
-  const bool pace = Parsed.Has("--pace");
-  if (!Parsed.Has("--wire") && !pace) {
-    if (Parsed.Has("--latency-ms")) throw UsageError("--latency-ms needs --wire");
-    return std::nullopt;
-  }
-  if (pace && Parsed.Has("--latency-ms")) throw UsageError("--pace has no latency; use --wire");
-  sim::WireSettings wire;
-  wire.LatencyMicros = pace ? 0 : Parsed.IntValue("--latency-ms", 16, 0, 1000) * 1000;
-  return wire;
+struct SimulateOptions {
+  int Count = 1;
+  std::vector<std::string> Protocols = {"direct"};
+  std::vector<int> RefuseBlocks = {-1};
+  sim::ModuleSettings Common;
+  std::string Stray;
+  bool Wire = false;
+  bool Pace = false;
+  int LatencyMs = 16;
+  std::string Dump;
+};
+
+sim::ModuleSettings SettingsFor(const SimulateOptions& O, size_t Index) {
+  sim::ModuleSettings s = O.Common;
+  s.Protocol =
+      ForModule(O.Protocols, Index) == "ccb" ? sim::BootProtocol::Ccb : sim::BootProtocol::Direct;
+  s.RefuseBlock = O.RefuseBlocks[std::min(Index, O.RefuseBlocks.size() - 1)];
+  s.StrayBytes = ParseHexBytes(O.Stray);
+  return s;
 }
 
 double Seconds(int64_t Micros) {
@@ -106,18 +102,18 @@ double Seconds(int64_t Micros) {
 }
 
 // What a real line would have needed for the upload the module took part in.
-void PrintIdealTime(const sim::SimulatedModule& Module, const sim::WireSettings& Wire,
-                    const sim::PtyHostStats& Stats) {
+void PrintIdealTime(const std::string& Prefix, const sim::SimulatedModule& Module,
+                    const sim::WireSettings& Wire, const sim::PtyHostStats& Stats) {
   const sim::IdealTime ideal = sim::IdealUploadTime(Module, Wire);
   char text[400];
   std::snprintf(
       text, sizeof text,
-      "simulate: ideal time %.3f s: to the module %.3f s, to the tool %.3f s, module "
+      "%sideal time %.3f s: to the module %.3f s, to the tool %.3f s, module "
       "%.3f s, adapter %.3f s, the tool's waits %.3f s\n"
-      "simulate: %lld answers handed on, late by %.1f us on average, %lld us at most\n",
-      Seconds(ideal.TotalMicros), Seconds(ideal.ToModuleMicros), Seconds(ideal.ToToolMicros),
-      Seconds(ideal.ModuleMicros), Seconds(ideal.AdapterMicros), Seconds(ideal.ToolWaitMicros),
-      static_cast<long long>(Stats.Handovers),
+      "%s%lld answers handed on, late by %.1f us on average, %lld us at most\n",
+      Prefix.c_str(), Seconds(ideal.TotalMicros), Seconds(ideal.ToModuleMicros),
+      Seconds(ideal.ToToolMicros), Seconds(ideal.ModuleMicros), Seconds(ideal.AdapterMicros),
+      Seconds(ideal.ToolWaitMicros), Prefix.c_str(), static_cast<long long>(Stats.Handovers),
       Stats.Handovers > 0 ? static_cast<double>(Stats.LateMicrosTotal) / Stats.Handovers : 0.0,
       static_cast<long long>(Stats.LateMicrosMax));
   std::cerr << text;
@@ -126,64 +122,94 @@ void PrintIdealTime(const sim::SimulatedModule& Module, const sim::WireSettings&
 }  // namespace
 
 int RunSimulate(const std::vector<std::string>& Args) {
-  const ParsedArgs parsed = ParseArgs(Args, {{"--protocol", true},
-                                             {"--page-size", true},
-                                             {"--echo", false},
-                                             {"--no-crc", false},
-                                             {"--silent", false},
-                                             {"--answer-after", true},
-                                             {"--stray", true},
-                                             {"--pieces", true},
-                                             {"--turnaround-ms", true},
-                                             {"--flash-ms", true},
-                                             {"--no-reboot-answer", false},
-                                             {"--check-bytes", true},
-                                             {"--refuse-block", true},
-                                             {"--pace", false},
-                                             {"--wire", false},
-                                             {"--latency-ms", true},
-                                             {"--dump", true},
-                                             {"--help", false}});
-  if (parsed.Has("--help")) {
+  SimulateOptions o;
+  sim::ModuleSettings& s = o.Common;
+  int64_t turnaroundMs = 10, flashMs = 4;
+  bool noCrc = false, noRebootAnswer = false;
+  CLI::App app;
+  app.add_option("--count", o.Count)->check(CLI::Range(1, 64));
+  app.add_option("--protocol", o.Protocols)
+      ->delimiter(',')
+      ->check(CLI::IsMember({"direct", "ccb"}));
+  app.add_option("--page-size", s.PageSize)->check(CLI::Range(1, 0xFFFFFF));
+  app.add_flag("--echo", s.EchoPoll);
+  app.add_flag("--no-crc", noCrc);
+  app.add_flag("--silent", s.Silent);
+  app.add_option("--answer-after", s.AnswerAfterPolls)->check(CLI::Range(0, 100000));
+  app.add_option("--stray", o.Stray);
+  app.add_option("--pieces", s.AnswerPieces)->check(CLI::Range(1, 4));
+  app.add_option("--turnaround-ms", turnaroundMs)->check(CLI::Range(0, 60000));
+  app.add_option("--flash-ms", flashMs)->check(CLI::Range(0, 60000));
+  app.add_flag("--no-reboot-answer", noRebootAnswer);
+  app.add_option("--check-bytes", s.CheckBytes)->check(CLI::IsMember({2, 4}));
+  app.add_option("--refuse-block", o.RefuseBlocks)->delimiter(',')->check(CLI::Range(-1, 100000));
+  auto* wire = app.add_flag("--wire", o.Wire);
+  auto* pace = app.add_flag("--pace", o.Pace)->excludes(wire);
+  app.add_option("--latency-ms", o.LatencyMs)
+      ->check(CLI::Range(0, 1000))
+      ->needs(wire)
+      ->excludes(pace);
+  app.add_option("--dump", o.Dump);
+  if (ParseCommand(app, Args)) {
     std::cout << kUsage;
     return kExitOk;
   }
-  ExpectPositional(parsed, 0, "nothing");
-  sim::SimulatedModule module(SettingsFrom(parsed));
-  const std::optional<sim::WireSettings> wire = WireFrom(parsed);
+  s.SupportsCrc = !noCrc;
+  s.AnswerReboot = !noRebootAnswer;
+  s.TurnaroundMicros = turnaroundMs * 1000;
+  s.FlashWriteMicros = flashMs * 1000;
+  std::optional<sim::WireSettings> line;
+  if (o.Wire || o.Pace) {
+    line.emplace();
+    line->LatencyMicros = o.Pace ? 0 : int64_t{o.LatencyMs} * 1000;
+  }
 
-  // The host's thread inherits this mask, so the signals reach sigwait below and nowhere else.
+  std::vector<std::unique_ptr<sim::SimulatedModule>> modules;
+  for (int i = 0; i < o.Count; ++i) {
+    modules.push_back(std::make_unique<sim::SimulatedModule>(SettingsFor(o, i)));
+  }
+
+  // The hosts' threads inherit this mask, so the signals reach sigwait below and nowhere else.
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  std::string error;
-  auto host = sim::PtyHost::Open(module, error, {wire});
-  if (!host) {
-    std::cerr << "palimbo-cli simulate: cannot open a pseudo-terminal: " << error << '\n';
-    return kExitFailed;
+  std::vector<std::unique_ptr<sim::PtyHost>> hosts;
+  for (auto& module : modules) {
+    std::string error;
+    hosts.push_back(sim::PtyHost::Open(*module, error, {line}));
+    if (!hosts.back()) {
+      std::cerr << "palimbo-cli simulate: cannot open a pseudo-terminal: " << error << '\n';
+      return kExitFailed;
+    }
+    std::cout << hosts.back()->SlavePath() << '\n';
   }
-  std::cout << host->SlavePath() << std::endl;
+  std::cout << std::flush;
 
   int received = 0;
   sigwait(&stopSignals, &received);
-  host->Stop();
+  for (auto& host : hosts) host->Stop();
 
-  std::cerr << "simulate: " << module.PollCount() << " polls, " << module.Commands().size()
-            << " commands heard\n";
-  if (wire) PrintIdealTime(module, *wire, host->Stats());
-  if (parsed.Has("--dump")) {
-    const std::string path = parsed.Value("--dump");
+  int status = kExitOk;
+  for (size_t i = 0; i < modules.size(); ++i) {
+    const sim::SimulatedModule& module = *modules[i];
+    const std::string prefix =
+        "simulate: " + (modules.size() > 1 ? hosts[i]->SlavePath() + ": " : std::string());
+    std::cerr << prefix << module.PollCount() << " polls, " << module.Commands().size()
+              << " commands heard\n";
+    if (line) PrintIdealTime(prefix, module, *line, hosts[i]->Stats());
+    if (o.Dump.empty()) continue;
+    const std::string path = modules.size() == 1 ? o.Dump : o.Dump + "." + std::to_string(i + 1);
     std::ofstream file(path, std::ios::binary);
     file.write(module.Flash().data(), static_cast<std::streamsize>(module.FlashUsed()));
     if (!file) {
       std::cerr << "palimbo-cli simulate: cannot write " << path << '\n';
-      return kExitFailed;
+      status = kExitFailed;
     }
   }
-  return kExitOk;
+  return status;
 }
 
 }  // namespace palimbo::cli
