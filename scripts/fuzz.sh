@@ -9,16 +9,7 @@ seconds=${1:-12}
 build=build-fuzz
 targets=(hex_reader direct_exchange ccb_exchange entry_poll line_settings)
 
-packages=(clang-14 libclang-rt-14-dev cmake ninja-build)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-  echo "Installing: ${missing[*]}" >&2
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
-fi
+scripts/install-packages.sh clang-14 libclang-rt-14-dev cmake ninja-build
 
 CC=clang-14 CXX=clang++-14 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DPALIMBO_FUZZ=ON -DPALIMBO_TESTS=OFF -DPALIMBO_WINDOW=OFF -DPALIMBO_BENCH=OFF >&2
