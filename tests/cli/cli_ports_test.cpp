@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -41,6 +44,31 @@ TEST(CliPorts, AllAsJsonLines) {
   EXPECT_EQ(second["may_open"], false);
   EXPECT_EQ(second["fix"], "no device file /dev/ttyUSB7");
   EXPECT_FALSE(std::getline(lines, line));
+}
+
+// A port this user may not open: flash says what would give access.
+TEST(CliPorts, PermissionDeniedNamesTheFix) {
+  if (geteuid() != 0 || access("/usr/bin/setpriv", X_OK) != 0) {
+    GTEST_SKIP() << "needs root to become another user";
+  }
+  TempDir dir;
+  fs::permissions(dir.Path, fs::perms::all);
+  const std::string port = dir.Path + "/ttyLOCKED";
+  std::ofstream(port) << "";
+  fs::permissions(port, fs::perms::owner_read | fs::perms::owner_write);
+  const std::string file = dir.Path + "/fw.hex";
+  std::ofstream(file) << ":0100000055AA\r\n";
+  fs::permissions(file, fs::perms::all);
+  const std::string err = WriteTempFile("stderr", "");
+  Process cli({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", PALIMBO_CLI,
+               "flash", "--port", port, file},
+              err);
+  EXPECT_EQ(cli.Wait(), 1);
+  std::ifstream in(err);
+  const std::string said((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(said.find("cannot open port " + port + ": Permission denied"), std::string::npos)
+      << said;
+  EXPECT_NE(said.find("fix: sudo usermod -aG dialout"), std::string::npos) << said;
 }
 
 }  // namespace
