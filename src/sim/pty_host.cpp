@@ -109,6 +109,7 @@ void PtyHost::Serve() {
   std::vector<Emission> out;
   std::vector<char> buffer(4096);
   bool toolGone = false;  // the terminal side was closed and not opened again yet
+  int64_t handedUs = -1;  // when answer bytes last went to the terminal, until the tool writes
 
   auto nextHandover = [&] {
     if (wire) return toTool.NextHandover();
@@ -144,7 +145,10 @@ void PtyHost::Serve() {
     if (toolGone) line.clear();
     if (!line.empty()) {
       const ssize_t n = write(master_fd_, line.data(), line.size());
-      if (n > 0) line.erase(0, static_cast<size_t>(n));
+      if (n > 0) {
+        line.erase(0, static_cast<size_t>(n));
+        handedUs = MonotonicMicros();
+      }
       if (n < 0 && errno != EAGAIN && errno != EINTR) line.clear();
     }
 
@@ -166,6 +170,8 @@ void PtyHost::Serve() {
       const ssize_t n = read(master_fd_, buffer.data(), buffer.size());
       if (n > 0) {
         now = MonotonicMicros();
+        if (handedUs >= 0) stats_.ReactionMicros.push_back(now - handedUs);
+        handedUs = -1;
         const auto count = static_cast<size_t>(n);
         heard.push_back(
             {wire ? toModule.Carry(now, count) : now, std::string(buffer.data(), count)});

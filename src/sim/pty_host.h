@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "sim/module_peer.h"
 #include "sim/wire_line.h"
@@ -24,6 +25,9 @@ struct PtyHostStats {
   int64_t Handovers = 0;        ///< times answer bytes went to the terminal
   int64_t LateMicrosTotal = 0;  ///< how much later than due they went, all together
   int64_t LateMicrosMax = 0;
+  /// For each time the tool wrote after answer bytes had gone to the terminal: how long after
+  /// the last of them. On a wire-true line this is the tool's own share of each exchange.
+  std::vector<int64_t> ReactionMicros;
 };
 
 /// A pseudo-terminal whose far end is a simulated module, so the real serial layer can open it.

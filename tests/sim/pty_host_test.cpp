@@ -94,8 +94,15 @@ TEST(PtyHostTest, WireHoldsBytesForTheLineAndTheAdapter) {
       got += chunk;
       complete = NowMicros();
     }
+    // The tool's turn: the host counts from the answer to the next bytes it writes.
+    std::this_thread::sleep_for(30ms);
+    const int64_t again = NowMicros();
+    Comm_schreiben_32(*port, handle, "x");
+    std::this_thread::sleep_for(20ms);
     Comm_close_32(*port, handle);
     host->Stop();
+    ASSERT_EQ(host->Stats().ReactionMicros.size(), 1u) << r.Name;
+    EXPECT_GE(host->Stats().ReactionMicros[0], again - complete) << r.Name;
     EXPECT_EQ(got, r.Answer) << r.Name;
     EXPECT_GE(complete - written, r.AnsweredAfter) << r.Name;
     if (r.Request != "i") {
