@@ -5,37 +5,14 @@
 #include <fstream>
 #include <string>
 
+#include "hex_image.h"
 #include "image/hex_file.h"
 
 namespace {
 
-using palimbo::MakeHex;
-
-// One record: byte count, address, type and data, with its checksum behind.
-std::string Record(int Type, int Address, const std::string& Data, const char* LineEnd) {
-  std::string bytes;
-  bytes += static_cast<char>(Data.size());
-  bytes += static_cast<char>(Address >> 8);
-  bytes += static_cast<char>(Address & 0xFF);
-  bytes += static_cast<char>(Type);
-  bytes += Data;
-  unsigned sum = 0;
-  for (const char c : bytes) sum += static_cast<unsigned char>(c);
-  bytes += static_cast<char>((~sum + 1) & 0xFF);
-  return ":" + MakeHex(bytes) + LineEnd;
-}
-
 // A full image of 100001 bytes in records of 16, crossing 0xFFFF through a segment record.
 std::string MaxImageText(const char* LineEnd) {
-  std::string text;
-  std::string data(16, '\0');
-  for (int index = 0; index <= palimbo::kImageMaxIndex; index += 16) {
-    if (index == 0x10000) text += Record(2, 0, std::string("\x10\x00", 2), LineEnd);
-    const int count = std::min(16, palimbo::kImageMaxIndex + 1 - index);
-    for (int k = 0; k < count; ++k) data[k] = static_cast<char>((index + k) * 37);
-    text += Record(0, index & 0xFFFF, data.substr(0, count), LineEnd);
-  }
-  return text + Record(1, 0, "", LineEnd);
+  return palimbo::bench::HexText(palimbo::bench::MaxImage(), LineEnd);
 }
 
 void CheckImage(benchmark::State& State, const palimbo::HexReadResult& Result) {
