@@ -69,7 +69,8 @@ void IdleWait(Link& Link) {
 
 int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
                          bool Settled) {
-  if (!Settled) return kNoWait;
+  // With the flag set this pass is the last, and what it finds must not depend on a wait.
+  if (!Settled || Link.Cancel) return kNoWait;
   if (RxBuffer.empty()) return TryEnd;
   // The first tick at which the silence rule takes a byte.
   const int64_t silenceDue = LastByteTime + kSilenceMs + 1;

@@ -15,8 +15,10 @@ class EventPump {
   virtual void PumpEvents() = 0;
 };
 
-/// Longest wait on the port in one receive pass when nothing has arrived.
-inline constexpr int32_t kIdleWaitMicros = 1000;
+/// Longest wait on the port in one receive pass when nothing has arrived. The wait ends the
+/// moment input arrives, so its length costs no answer time; it only has to leave the window
+/// its events at least every 20 ms.
+inline constexpr int32_t kIdleWaitMicros = 10'000;
 
 /// Wait of one receive pass on a closed port. Nothing can arrive there, so it only paces the
 /// pumps and the clock, and a few milliseconds keep a job on a lost port nearly idle.
