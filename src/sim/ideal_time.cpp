@@ -110,7 +110,7 @@ IdealTime IdealUploadTime(BootProtocol Protocol, int Polls,
       t = tryEnd;
     }
 
-    if (heard.Command == kCmdErase) erased = true;
+    if (direct && heard.Command == kCmdErase) erased = true;
     const bool runEnds = i + 1 == Commands.size() || Commands[i + 1].Command != heard.Command;
     if (heard.Command == reboot && runEnds) {
       t += kAfterRebootMicros;
