@@ -135,6 +135,23 @@ TEST(GangSummary, TableSaysWhatTheExitStatusSays) {
       << summary;
 }
 
+// Ctrl-C cancels every module's job as CANCEL does, each at its own cancel exit.
+TEST(GangCtrlC, CancelsEveryJob) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(30000)));
+  Module direct("direct", {}), ccb("ccb", {"--protocol", "ccb"});
+  Process flash({PALIMBO_CLI, "flash", "--json", "--port", direct.Port, "--port", ccb.Port, file},
+                WriteTempFile("flash.err", ""));
+  ASSERT_TRUE(flash.WaitForText("Transfer ok.", 30000)) << flash.Output;
+  ASSERT_TRUE(flash.WaitForText("Writing FLASH", 30000)) << flash.Output;
+  flash.Signal(SIGINT);
+  EXPECT_EQ(flash.Wait(), 1);
+  const auto results = JsonLines(flash.Output, "result");
+  ASSERT_EQ(results.size(), 2u) << flash.Output;
+  for (const auto& result : results) {
+    EXPECT_EQ(result["outcome"], "cancelled") << result["port"] << ": " << result["reason"];
+  }
+}
+
 struct WayOutCase {
   const char* Name;
   std::vector<std::string> SimulateOptions;

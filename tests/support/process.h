@@ -58,6 +58,15 @@ class Process {
     }
   }
 
+  /// Reads stdout until `Text` stands anywhere in it, or the time is up. Returns whether it came.
+  bool WaitForText(const std::string& Text, int TimeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMs);
+    while (Output.find(Text) == std::string::npos) {
+      if (!ReadSome(MsLeft(until))) return false;
+    }
+    return true;
+  }
+
   /// The first line of stdout, waiting for it at most `TimeoutMs`.
   std::string FirstLine(int TimeoutMs) {
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMs);
