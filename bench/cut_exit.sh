@@ -3,21 +3,13 @@
 # away) or the module falls silent (its process is stopped), per protocol and stage.
 # Usage: bench/cut_exit.sh [PALIMBO_CLI] [RUNS]
 set -euo pipefail
+cd "$(dirname "$0")/.."
 cli=${1:-build/src/cli/palimbo-cli}
 runs=${2:-3}
 give_up=5
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-python3 - "$work/fw.hex" <<'PY'
-import sys
-image = bytes((i * 7 + i // 251 + 3) & 255 for i in range(20000))
-with open(sys.argv[1], "w") as f:
-    for at in range(0, len(image), 16):
-        chunk = image[at:at + 16]
-        record = bytes([len(chunk), at >> 8 & 255, at & 255, 0]) + chunk
-        f.write(":" + record.hex().upper() + "%02X\n" % (-sum(record) & 255))
-    f.write(":00000001FF\n")
-PY
+bench/make_hex.py "$work/fw.hex" 20000
 
 # One run: waits for MARK in flash's JSON output, then does ACTION to the module; prints the
 # seconds from the action to flash's exit and the exit status.

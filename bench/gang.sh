@@ -3,21 +3,13 @@
 # the tool's CPU for N = 1, 2, 4, 8 (half direct, half CCB), each against the single module.
 # Usage: bench/gang.sh [PALIMBO_CLI] [IMAGE_BYTES] [RUNS]
 set -euo pipefail
+cd "$(dirname "$0")/.."
 cli=${1:-build/src/cli/palimbo-cli}
 bytes=${2:-8192}
 runs=${3:-3}
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-python3 - "$work/fw.hex" "$bytes" <<'PY'
-import sys
-image = bytes((i * 7 + i // 251 + 3) & 255 for i in range(int(sys.argv[2])))
-with open(sys.argv[1], "w") as f:
-    for at in range(0, len(image), 16):
-        chunk = image[at:at + 16]
-        record = bytes([len(chunk), at >> 8 & 255, at & 255, 0]) + chunk
-        f.write(":" + record.hex().upper() + "%02X\n" % (-sum(record) & 255))
-    f.write(":00000001FF\n")
-PY
+bench/make_hex.py "$work/fw.hex" "$bytes"
 
 # One run of N modules: prints wall seconds, CPU seconds (user + system) and the exit status.
 run() {

@@ -4,20 +4,12 @@
 # the requests that had to go out again because their answer was lost.
 # Usage: bench/latency.sh [PALIMBO_CLI] [IMAGE_BYTES]
 set -euo pipefail
+cd "$(dirname "$0")/.."
 cli=${1:-build/src/cli/palimbo-cli}
 bytes=${2:-4096}
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-python3 - "$work/fw.hex" "$bytes" <<'PY'
-import sys
-image = bytes((i * 7 + i // 251 + 3) & 255 for i in range(int(sys.argv[2])))
-with open(sys.argv[1], "w") as f:
-    for at in range(0, len(image), 16):
-        chunk = image[at:at + 16]
-        record = bytes([len(chunk), at >> 8 & 255, at & 255, 0]) + chunk
-        f.write(":" + record.hex().upper() + "%02X\n" % (-sum(record) & 255))
-    f.write(":00000001FF\n")
-PY
+bench/make_hex.py "$work/fw.hex" "$bytes"
 # Frames a clean upload of this image needs: probe, two erases, 2 parts and a write a page,
 # the check and the reboot (direct); enter, a block each 128 bytes, finish, check, reboot (CCB).
 pages=$(((bytes + 255) / 256))
