@@ -26,7 +26,7 @@ run() {
   kill -TERM "$sim"
   wait "$sim" 2>/dev/null || true
   read -r wall user sys <"$work/time"
-  echo "$wall $(echo "$user + $sys" | bc -l) $status"
+  echo "$wall $(awk "BEGIN { print $user + $sys }") $status"
 }
 
 printf '%-8s %-10s %-12s %-10s %-18s %s\n' modules "wall s" "wall / N=1" "CPU s" "CPU a module" status
@@ -40,7 +40,7 @@ for n in 1 2 4 8; do
   wall=$(printf '%s\n' "${walls[@]}" | sort -n | sed -n "$(((runs + 1) / 2))p")
   cpu=$(printf '%s\n' "${cpus[@]}" | sort -n | sed -n "$(((runs + 1) / 2))p")
   [[ -n $base ]] || base=$wall
-  printf '%-8s %-10s %-12.3f %-10s %-18s %s\n' "$n" "$wall" "$(echo "$wall / $base" | bc -l)" \
-    "$cpu" "$(printf '%.2f %% of wall' "$(echo "100 * $cpu / $n / $wall" | bc -l)")" "$status"
+  printf '%-8s %-10s %-12.3f %-10s %-18s %s\n' "$n" "$wall" "$(awk "BEGIN { print $wall / $base }")" \
+    "$cpu" "$(printf '%.2f %% of wall' "$(awk "BEGIN { print 100 * $cpu / $n / $wall }")")" "$status"
 done
 echo "(medians of $runs runs; $bytes-byte image; latency 16 ms, flash 4 ms, turnaround 10 ms)"
