@@ -18,8 +18,8 @@ cmake --build build-win -j2 >&2
 export WINEPREFIX WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 WINEPREFIX=$(mktemp -d)
 export PALIMBO_WINE=/usr/lib/wine/wine64
-trap '/usr/lib/wine/wineserver -k 2>/dev/null || true; rm -rf "$WINEPREFIX"' EXIT
-"$PALIMBO_WINE" wineboot -i >/dev/null 2>&1
+trap '/usr/lib/wine/wineserver -k >/dev/null 2>&1 || true; rm -rf "$WINEPREFIX"' EXIT
 # One server for all the test programs, instead of one started and stopped for each.
-/usr/lib/wine/wineserver -p
+/usr/lib/wine/wineserver -p >/dev/null 2>&1
+"$PALIMBO_WINE" wineboot -i >/dev/null 2>&1
 ctest --test-dir build-win --output-on-failure -j2
