@@ -10,10 +10,10 @@
 #include <QTimer>
 #include <cstdio>
 
-#include "image/hex_file.h"
 #include "adapter/port_selection.h"
 #include "console/frmPalimbo.h"
 #include "console/message_boxes.h"
+#include "image/hex_file.h"
 #include "sim/sim_line.h"
 #include "sim/simulated_module.h"
 #include "sim/virtual_clock.h"

@@ -45,8 +45,8 @@ inline constexpr int64_t kNoWait = INT64_MIN;
 
 /// Up to which tick a receive pass may wait on the port. It may only while the pass could do
 /// nothing but read: the last pass took no byte from the buffer (`Settled`), `Cancel` is not
-/// set, and the buffer is empty or its silence rule is not due yet. It never waits past the rule's tick nor past
-/// `TryEnd`, so that a wait never changes what the rules do with the bytes.
+/// set, and the buffer is empty or its silence rule is not due yet. It never waits past the rule's
+/// tick nor past `TryEnd`, so that a wait never changes what the rules do with the bytes.
 int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
                          bool Settled);
 
