@@ -36,7 +36,8 @@ constexpr const char* kUsage =
     "  --latency-ms LIST   adapter latencies, comma-separated (default 16,1)\n"
     "  --turnaround-ms N   the module's turnaround (default 10)\n"
     "  --flash-ms N        the module's page or block write (default 4)\n"
-    "  --runs N            runs of each configuration (default 1)\n";
+    "  --runs N            runs of each configuration (default 1)\n"
+    "  --gaps FILE         also write each frame's time beyond the ideal gap to FILE\n";
 
 struct Options {
   std::string Cli;
@@ -46,6 +47,7 @@ struct Options {
   int64_t TurnaroundMs = 10;
   int64_t FlashMs = 4;
   int Runs = 1;
+  std::string GapsPath;
 };
 
 [[noreturn]] void Usage(const std::string& Problem) {
@@ -93,6 +95,8 @@ Options Parse(int argc, char** argv) {
       o.FlashMs = Number(value, 0, 1000);
     } else if (name == "--runs") {
       o.Runs = static_cast<int>(Number(value, 1, 100));
+    } else if (name == "--gaps") {
+      o.GapsPath = value;
     } else {
       Usage("unknown option " + name);
     }
@@ -113,6 +117,8 @@ struct Row {
   double StartExcess = 0, FramesExcess = 0, EndExcess = 0;
   // From one request to the next beyond the ideal, in microseconds: the typical and the worst.
   double FrameExcessMedian = 0, FrameExcessMax = 0;
+  /// Each request's command byte and its time beyond the ideal gap since the one before.
+  std::vector<std::pair<uint8_t, double>> Gaps;
   // The tool's median time from an answer to its next request, beyond the sleep of 5 ms that
   // a CCB exchange takes before each write.
   double ReactionMedian = 0;
@@ -165,6 +171,7 @@ Row RunOne(const Options& O, sim::BootProtocol Protocol, int64_t LatencyMs,
     for (size_t i = 1; i < heard.size(); ++i) {
       const int64_t real = heard[i].AtMicros - heard[i - 1].AtMicros;
       gaps.push_back(static_cast<double>(real - (ideal[i] - ideal[i - 1])));
+      row.Gaps.emplace_back(heard[i].Command, gaps.back());
     }
     row.FrameExcessMedian = bench::Median(gaps);
     for (const double g : gaps) row.FrameExcessMax = std::max(row.FrameExcessMax, g);
@@ -217,6 +224,18 @@ double PtyRoundTripMicros() {
   return bench::Median(rounds);
 }
 
+void WriteGaps(const std::string& Path, const std::vector<Row>& Rows) {
+  std::ofstream out(Path);
+  out << "protocol\tlatency_ms\trun_row\tframe\tcommand\texcess_us\n";
+  for (size_t r = 0; r < Rows.size(); ++r) {
+    const Row& row = Rows[r];
+    for (size_t i = 0; i < row.Gaps.size(); ++i) {
+      out << row.Protocol << '\t' << row.LatencyMs << '\t' << r << '\t' << i + 1 << '\t'
+          << static_cast<int>(row.Gaps[i].first) << '\t' << row.Gaps[i].second << '\n';
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -243,6 +262,7 @@ int main(int argc, char** argv) {
     }
   }
   std::filesystem::remove_all(dir);
+  if (!o.GapsPath.empty()) WriteGaps(o.GapsPath, rows);
 
   const double roundTrip = PtyRoundTripMicros();
   std::printf(

@@ -79,19 +79,29 @@ class RecordingPort final : public SerialBackend {
   std::vector<std::string> writes_;
 };
 
-/// The payloads of all frames with a sound CRC that begin with `StartByte` anywhere in `Bytes`.
+/// The payloads of all frames with a sound CRC that the frame scan can reach in `Bytes`: those
+/// that begin with `StartByte`, and those that stand right behind such a frame or behind one of
+/// these, since the scan takes the byte behind a valid frame as the next start whatever it is.
 inline std::vector<std::string> ValidFrames(const std::string& Bytes, uint8_t StartByte) {
+  const auto soundLength = [&Bytes](size_t At) -> size_t {
+    if (At + 1 >= Bytes.size()) return 0;
+    const size_t L = static_cast<uint8_t>(Bytes[At + 1]);
+    if (At + L + 4 > Bytes.size()) return 0;
+    const int32_t crc = Crc16Of(std::string_view(Bytes).substr(At + 1, L + 1));
+    if (static_cast<uint8_t>(Bytes[At + L + 2]) != crc / 256 ||
+        static_cast<uint8_t>(Bytes[At + L + 3]) != (crc & 255)) {
+      return 0;
+    }
+    return L + 4;
+  };
+  std::vector<bool> reachable(Bytes.size() + 1, false);
   std::vector<std::string> payloads;
   for (size_t i = 0; i + 1 < Bytes.size(); ++i) {
-    if (static_cast<uint8_t>(Bytes[i]) != StartByte) continue;
-    const size_t L = static_cast<uint8_t>(Bytes[i + 1]);
-    if (i + L + 4 > Bytes.size()) continue;
-    const int32_t crc = Crc16Of(std::string_view(Bytes).substr(i + 1, L + 1));
-    if (static_cast<uint8_t>(Bytes[i + L + 2]) != crc / 256 ||
-        static_cast<uint8_t>(Bytes[i + L + 3]) != (crc & 255)) {
-      continue;
-    }
-    payloads.push_back(Bytes.substr(i + 2, L));
+    if (static_cast<uint8_t>(Bytes[i]) != StartByte && !reachable[i]) continue;
+    const size_t length = soundLength(i);
+    if (length == 0) continue;
+    payloads.push_back(Bytes.substr(i + 2, length - 4));
+    reachable[i + length] = true;
   }
   return payloads;
 }
