@@ -57,16 +57,6 @@ std::string BigEndian32(uint32_t Value) {
           static_cast<char>(Value >> 8), static_cast<char>(Value)};
 }
 
-void IdleWait(Link& Link) {
-  if (Link.IdleWaitMicros <= 0) return;
-  if (IsPortOpen(Link.PortHandle)) {
-    Comm_warten_32(Link.Port, Link.PortHandle, Link.IdleWaitMicros);
-  } else {
-    // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
-    Link.Time.Sleep(kClosedPortWaitMillis);
-  }
-}
-
 int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
                          bool Settled) {
   // With the flag set this pass is the last, and what it finds must not depend on a wait.
@@ -78,9 +68,8 @@ int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTi
   return std::min(TryEnd, silenceDue);
 }
 
-void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline) {
-  Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
-  if (!Chunk.empty() || Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
+void WaitBefore(Link& Link, int64_t Deadline) {
+  if (Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
   const int64_t left = Deadline - Link.Time.GetTickCount();
   if (left <= 0) return;
   if (IsPortOpen(Link.PortHandle)) {
@@ -90,6 +79,12 @@ void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline) {
     // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
     Link.Time.Sleep(static_cast<int32_t>(std::min<int64_t>(kClosedPortWaitMillis, left)));
   }
+}
+
+void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline) {
+  Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+  if (!Chunk.empty() || Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
+  WaitBefore(Link, Deadline);
   Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
 }
 

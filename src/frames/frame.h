@@ -35,11 +35,6 @@ HeadFrame TakeHeadFrame(RxQueue& RxBuffer, std::string& Payload);
 /// A number as four bytes, most significant first.
 std::string BigEndian32(uint32_t Value);
 
-/// Waits on the port for input, at most the link's idle wait, while it is open; on a closed
-/// port sleeps `kClosedPortWaitMillis` on the link's clock, so that a loop there idles too.
-/// An idle wait of 0 returns at once either way.
-void IdleWait(Link& Link);
-
 /// A tick before which no receive pass waits: the pass must go on at once.
 inline constexpr int64_t kNoWait = INT64_MIN;
 
@@ -49,6 +44,11 @@ inline constexpr int64_t kNoWait = INT64_MIN;
 /// tick nor past `TryEnd`, so that a wait never changes what the rules do with the bytes.
 int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTime, int64_t TryEnd,
                          bool Settled);
+
+/// Waits on the port for input: at most the link's idle wait, never past `Deadline`, not at
+/// all with an idle wait of 0 or `kNoWait`. On a closed port it sleeps a few milliseconds on
+/// the link's clock instead, so that a loop there idles too.
+void WaitBefore(Link& Link, int64_t Deadline);
 
 /// One read of a receive pass. When nothing has arrived and `Deadline` lies ahead, it waits on
 /// the port (at most the link's idle wait, never past `Deadline`) and reads once more, so a

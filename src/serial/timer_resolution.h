@@ -2,8 +2,9 @@
 
 namespace palimbo {
 
-/// Holds the system's timer at its finest resolution for as long as the object lives, where
-/// the system's sleeps and waits are otherwise coarse (Windows); elsewhere it does nothing.
+/// Holds the system's timer at its finest resolution for the calling thread for as long as the
+/// object lives, so that the job's sleeps end when they should: Windows otherwise rounds them
+/// up to its 15.6 ms tick, Linux lets them end up to the thread's timer slack late.
 class FineTimerResolution {
  public:
   FineTimerResolution();
@@ -13,6 +14,7 @@ class FineTimerResolution {
 
  private:
   [[maybe_unused]] bool held_ = false;
+  [[maybe_unused]] long previous_slack_ns_ = 0;
 };
 
 }  // namespace palimbo

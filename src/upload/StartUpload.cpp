@@ -27,7 +27,7 @@ void SettlingDrain(JobContext& Ctx) {
   const int64_t T0 = Ctx.GetTickCount();
   while (T0 + 1000 > Ctx.GetTickCount()) {
     Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, discarded);
-    IdleWait(link);
+    WaitBefore(link, T0 + 1000);
   }
 }
 
