@@ -130,9 +130,11 @@ inline ExchangeRun RunExchange(const uint8_t* Data, size_t Size, uint8_t StartBy
   const uint8_t settings = in.Byte();
   static constexpr int16_t kWaits[] = {0, 250, 1000, 1250, 2000};
   const int16_t wait = kWaits[settings % 5];
-  // Passes of a millisecond, as on a real port, only for the short waits: the long ones would
-  // take thousands of passes a try. Coarser passes are what a slow machine gives.
-  const int32_t idleMicros = (settings & 0x10) && wait <= 250 ? 1000 : (wait / 4 + 1) * 1000;
+  // The window's idle wait only for the short waits, where a try then takes 25 passes; the
+  // command line's; or passes as coarse as a slow machine gives.
+  const int32_t idleMicros = (settings & 0x10) && wait <= 250 ? kIdleWaitMicros
+                             : (settings & 0x40)              ? 50'000
+                                                              : (wait / 4 + 1) * 1000;
   const int64_t passCostMicros = (settings & 0x20) ? 500 : 5;
   const uint8_t cancel = in.Byte();
   const int cancelAtPump = (cancel & 0x80) ? (cancel & 0x7F) * 4 + 1 : -1;
