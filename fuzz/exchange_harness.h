@@ -133,7 +133,7 @@ inline ExchangeRun RunExchange(const uint8_t* Data, size_t Size, uint8_t StartBy
   // The window's idle wait only for the short waits, where a try then takes 25 passes; the
   // command line's; or passes as coarse as a slow machine gives.
   const int32_t idleMicros = (settings & 0x10) && wait <= 250 ? kIdleWaitMicros
-                             : (settings & 0x40)              ? 50'000
+                             : (settings & 0x40)              ? kUnattendedIdleWaitMicros
                                                               : (wait / 4 + 1) * 1000;
   const int64_t passCostMicros = (settings & 0x20) ? 500 : 5;
   const uint8_t cancel = in.Byte();

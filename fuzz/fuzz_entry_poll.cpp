@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
   };
   testing::VirtualJob job(peer);
   job.Question.Answer = yes;
-  job.Ctx.IdleWaitMicros = 50000;
+  job.Ctx.IdleWaitMicros = kUnattendedIdleWaitMicros;
   // Cancel after the chosen number of polls, and always once the job has gone past the entry,
   // so that the upload behind it ends at its first exchange.
   job.Pump.OnPump = [&] {

@@ -24,12 +24,6 @@ namespace {
 // How often the live table moves on while nothing else happens.
 constexpr auto kRefreshInterval = std::chrono::milliseconds(200);
 
-// The longest wait of an empty receive pass. Only Ctrl-C and the give-up watch look at the
-// command line's events, and a twentieth of a second is quick enough for both; each wait still
-// ends the moment input arrives or a rule of the exchange falls due, so the wire does not
-// change, and fewer wake-ups leave the machine to other modules' jobs.
-constexpr int32_t kUnattendedIdleWaitMicros = 50'000;
-
 // One module's job and its surroundings: everything it touches is its own, but the display
 // and the Ctrl-C count, which are made for sharing.
 class ModuleJob final : public JobLog,

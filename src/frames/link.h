@@ -20,6 +20,11 @@ class EventPump {
 /// its events at least every 20 ms.
 inline constexpr int32_t kIdleWaitMicros = 10'000;
 
+/// The same where no window waits for its events: only Ctrl-C and the give-up watch of the
+/// command line look at them, and a twentieth of a second is quick enough for both. Fewer
+/// wake-ups leave the machine to the other modules' jobs.
+inline constexpr int32_t kUnattendedIdleWaitMicros = 50'000;
+
 /// Wait of one receive pass on a closed port. Nothing can arrive there, so it only paces the
 /// pumps and the clock, and a few milliseconds keep a job on a lost port nearly idle.
 inline constexpr int32_t kClosedPortWaitMillis = 5;

@@ -127,16 +127,20 @@ TEST(IdealTimeTest, VirtualUploadTakesTheIdealTime) {
       {"direct without crc, reboot unanswered", noCrc, 300, 10},
       {"direct, fast module", fast, 300, 30},
   };
-  for (const Row& r : rows) {
-    SimulatedModule module(r.Settings);
-    UploadRun run(module);
-    run.Job.Line.SetPassCostMicros(0);
-    const int64_t opened = run.Job.Clock.NowMicros();
-    run.Run(TestImage(r.Length));
-    const int64_t took = run.Job.Clock.NowMicros() - opened;
-    const int64_t ideal = IdealUploadTime(module, {57600, 0, 62}).TotalMicros;
-    EXPECT_NEAR(static_cast<double>(took), static_cast<double>(ideal), r.TimedOutTries * 1000.0)
-        << r.Name;
+  // The window's wait on an empty port and the command line's longer one.
+  for (const int32_t idleWait : {kIdleWaitMicros, kUnattendedIdleWaitMicros}) {
+    for (const Row& r : rows) {
+      SimulatedModule module(r.Settings);
+      UploadRun run(module);
+      run.Job.Line.SetPassCostMicros(0);
+      run.Job.Ctx.IdleWaitMicros = idleWait;
+      const int64_t opened = run.Job.Clock.NowMicros();
+      run.Run(TestImage(r.Length));
+      const int64_t took = run.Job.Clock.NowMicros() - opened;
+      const int64_t ideal = IdealUploadTime(module, {57600, 0, 62}).TotalMicros;
+      EXPECT_NEAR(static_cast<double>(took), static_cast<double>(ideal), r.TimedOutTries * 1000.0)
+          << r.Name << ", idle wait " << idleWait << " µs";
+    }
   }
 }
 
