@@ -2,9 +2,10 @@
 
 namespace palimbo {
 
-/// Holds the system's timer at its finest resolution for the calling thread for as long as the
-/// object lives, so that the job's sleeps end when they should: Windows otherwise rounds them
-/// up to its 15.6 ms tick, Linux lets them end up to the thread's timer slack late.
+/// Holds the system's timer at its finest resolution for as long as the object lives, so that
+/// the job's sleeps end when they should: Windows otherwise rounds them up to its 15.6 ms tick
+/// (the setting is the process's), Linux lets them end up to the thread's timer slack late (the
+/// setting is the calling thread's).
 class FineTimerResolution {
  public:
   FineTimerResolution();
