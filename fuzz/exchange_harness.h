@@ -119,9 +119,11 @@ struct ExchangeRun {
 /// The exchange under test: link, command byte, data field, wait, value in and out.
 using ExchangeCall = std::function<bool(Link&, int16_t, const std::string&, int16_t, int32_t&)>;
 
+/// The value an exchange's output starts with: no answer of either protocol gives it.
+inline constexpr int32_t kUntouched = INT32_MIN;
+
 /// Decodes the input into a command, line timings, a cancel and the module's answers, runs the
-/// exchange once and checks what holds for both protocols. `Value` starts at -1, which no
-/// answer can give.
+/// exchange once and checks what holds for both protocols. `Value` starts at `kUntouched`.
 inline ExchangeRun RunExchange(const uint8_t* Data, size_t Size, uint8_t StartByte,
                                bool DrainAfterWrite, const ExchangeCall& Call, int32_t& Value) {
   Input in(Data, Size);
@@ -189,7 +191,7 @@ inline ExchangeRun RunExchange(const uint8_t* Data, size_t Size, uint8_t StartBy
   // few looks at the port more.
   const int64_t tryBound = wait + 5 + 2 + idleMicros / 1000 + 4 * passCostMicros / 1000 + 1;
   Require(elapsed <= 10 * tryBound, "the call outlasts ten tries");
-  if (!run.Result) Require(Value == -1, "a failed call changed the value");
+  if (!run.Result) Require(Value == kUntouched, "a failed call changed the value");
   return run;
 }
 

@@ -18,7 +18,7 @@ bool Exchange(Link& Link, int16_t CommandByte, const std::string& CommandString,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
-  int32_t status = -1;
+  int32_t status = fuzz::kUntouched;
   const fuzz::ExchangeRun run =
       fuzz::RunExchange(Data, Size, kDirectStartByte, /*DrainAfterWrite=*/true, Exchange, status);
 
@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* Data, size_t Size) {
   }
   if (run.Result) {
     fuzz::Require(positive, "True without a positive frame");
-    fuzz::Require(status == -1 ? positiveWithoutStatus : positiveWithStatus,
+    fuzz::Require(status == fuzz::kUntouched ? positiveWithoutStatus : positiveWithStatus,
                   "Status not from a positive frame");
   }
   // Only the operator or ten tries end a call without an answer; a refusal only shortens a try.
