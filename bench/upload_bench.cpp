@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "hex_image.h"
+#include "line_floor.h"
 #include "sim/ideal_time.h"
 #include "sim/pty_host.h"
 #include "sim/simulated_module.h"
@@ -37,7 +38,9 @@ constexpr const char* kUsage =
     "  --turnaround-ms N   the module's turnaround (default 10)\n"
     "  --flash-ms N        the module's page or block write (default 4)\n"
     "  --runs N            runs of each configuration (default 1)\n"
-    "  --gaps FILE         also write each frame's time beyond the ideal gap to FILE\n";
+    "  --gaps FILE         also write each frame's time beyond the ideal gap to FILE\n"
+    "  --no-floor          skip replaying each upload with a client that only waits as\n"
+    "                      prescribed (what this machine's pseudo-terminal allows at best)\n";
 
 struct Options {
   std::string Cli;
@@ -48,6 +51,7 @@ struct Options {
   int64_t FlashMs = 4;
   int Runs = 1;
   std::string GapsPath;
+  bool Floor = true;
 };
 
 [[noreturn]] void Usage(const std::string& Problem) {
@@ -68,6 +72,10 @@ Options Parse(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
     if (name == "--help") Usage("");
+    if (name == "--no-floor") {
+      o.Floor = false;
+      continue;
+    }
     if (i + 1 >= argc) Usage(name + " wants a value");
     const std::string value = argv[++i];
     if (name == "--cli") {
@@ -111,14 +119,13 @@ struct Row {
   bench::TimedRun Run;
   sim::IdealTime Ideal;
   sim::PtyHostStats Host;
-  size_t Frames = 0;
+  size_t FrameCount = 0;
   // Where the wall time went beyond the ideal: before the first request was heard, between
   // the first and the last, and after the last until the tool had exited.
-  double StartExcess = 0, FramesExcess = 0, EndExcess = 0;
-  // From one request to the next beyond the ideal, in microseconds: the typical and the worst.
-  double FrameExcessMedian = 0, FrameExcessMax = 0;
-  /// Each request's command byte and its time beyond the ideal gap since the one before.
-  std::vector<std::pair<uint8_t, double>> Gaps;
+  double StartExcess = 0, EndExcess = 0;
+  bench::FrameExcess Frames;
+  // The same upload replayed by a client that does nothing but the prescribed waits.
+  bench::LineFloor Floor;
   // The tool's median time from an answer to its next request, beyond the sleep of 5 ms that
   // a CCB exchange takes before each write.
   double ReactionMedian = 0;
@@ -158,24 +165,16 @@ Row RunOne(const Options& O, sim::BootProtocol Protocol, int64_t LatencyMs,
   row.FlashHoldsImage = module.Flash().compare(0, Image.size(), Image) == 0;
 
   const auto& heard = module.Commands();
-  row.Frames = heard.size();
+  row.FrameCount = heard.size();
   if (!heard.empty()) {
     const auto& ideal = row.Ideal.HeardMicros;
     const int64_t firstReal = heard.front().AtMicros - row.Run.StartMicros;
-    const int64_t spanReal = heard.back().AtMicros - heard.front().AtMicros;
     const int64_t tailReal = row.Run.EndMicros - heard.back().AtMicros;
     row.StartExcess = static_cast<double>(firstReal - ideal.front()) / 1e6;
-    row.FramesExcess = static_cast<double>(spanReal - (ideal.back() - ideal.front())) / 1e6;
     row.EndExcess = static_cast<double>(tailReal - (row.Ideal.TotalMicros - ideal.back())) / 1e6;
-    std::vector<double> gaps;
-    for (size_t i = 1; i < heard.size(); ++i) {
-      const int64_t real = heard[i].AtMicros - heard[i - 1].AtMicros;
-      gaps.push_back(static_cast<double>(real - (ideal[i] - ideal[i - 1])));
-      row.Gaps.emplace_back(heard[i].Command, gaps.back());
-    }
-    row.FrameExcessMedian = bench::Median(gaps);
-    for (const double g : gaps) row.FrameExcessMax = std::max(row.FrameExcessMax, g);
+    row.Frames = bench::ExcessOverFrames(heard, row.Ideal);
   }
+  if (O.Floor) row.Floor = bench::ReplayAtLineSpeed(module, wire);
   return row;
 }
 
@@ -226,14 +225,41 @@ double PtyRoundTripMicros(int64_t QuietMicros, int Rounds) {
   return bench::Median(rounds);
 }
 
+// The tool against a client that does nothing but the prescribed waits, on the same machine.
+void PrintFloor(const std::vector<Row>& Rows) {
+  std::printf(
+      "\nThe same uploads replayed by a client that only waits as prescribed and sends each "
+      "request the moment its answer is in (wall from the port's opening to its closing; the "
+      "tool's wall holds its start and exit as well):\n\n"
+      "| protocol | latency | ideal s | floor wall s | floor/ideal | floor per frame, median µs | "
+      "tool wall s | tool/ideal | tool/floor | tool per frame, median µs |\n"
+      "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
+  for (const Row& r : Rows) {
+    const double ideal = Seconds(r.Ideal.TotalMicros);
+    if (!r.Floor.Complete) {
+      std::printf("| %s | %lld ms | %.3f | (not replayed) | | | %.3f | %.4f | | %.0f |\n",
+                  r.Protocol.c_str(), static_cast<long long>(r.LatencyMs), ideal, r.Run.WallSeconds,
+                  r.Run.WallSeconds / ideal, r.Frames.Median);
+      continue;
+    }
+    const double floorIdeal = Seconds(r.Floor.Ideal.TotalMicros);
+    std::printf("| %s | %lld ms | %.3f | %.3f | %.4f | %.0f | %.3f | %.4f | %.4f | %.0f |\n",
+                r.Protocol.c_str(), static_cast<long long>(r.LatencyMs), ideal, r.Floor.WallSeconds,
+                r.Floor.WallSeconds / floorIdeal, r.Floor.Excess.Median, r.Run.WallSeconds,
+                r.Run.WallSeconds / ideal, r.Run.WallSeconds / r.Floor.WallSeconds,
+                r.Frames.Median);
+  }
+}
+
 void WriteGaps(const std::string& Path, const std::vector<Row>& Rows) {
   std::ofstream out(Path);
   out << "protocol\tlatency_ms\trun_row\tframe\tcommand\texcess_us\n";
   for (size_t r = 0; r < Rows.size(); ++r) {
     const Row& row = Rows[r];
-    for (size_t i = 0; i < row.Gaps.size(); ++i) {
+    const auto& gaps = row.Frames.Gaps;
+    for (size_t i = 0; i < gaps.size(); ++i) {
       out << row.Protocol << '\t' << row.LatencyMs << '\t' << r << '\t' << i + 1 << '\t'
-          << static_cast<int>(row.Gaps[i].first) << '\t' << row.Gaps[i].second << '\n';
+          << static_cast<int>(gaps[i].first) << '\t' << gaps[i].second << '\n';
     }
   }
 }
@@ -300,17 +326,18 @@ int main(int argc, char** argv) {
   for (const Row& r : rows) {
     const sim::IdealTime& i = r.Ideal;
     const double perFrame =
-        r.Frames > 1 ? 1e6 * r.FramesExcess / static_cast<double>(r.Frames - 1) : 0.0;
+        r.FrameCount > 1 ? 1e6 * r.Frames.Total / static_cast<double>(r.FrameCount - 1) : 0.0;
     const double late = r.Host.Handovers > 0 ? static_cast<double>(r.Host.LateMicrosTotal) /
                                                    static_cast<double>(r.Host.Handovers)
                                              : 0.0;
     std::printf(
         "| %s | %lld ms | %zu | %.3f | %.3f | %.3f | %.3f | %.3f | %.4f | %.4f | %.0f | %.0f | "
         "%.0f | %.4f | %.1f | %.0f |\n",
-        r.Protocol.c_str(), static_cast<long long>(r.LatencyMs), r.Frames,
+        r.Protocol.c_str(), static_cast<long long>(r.LatencyMs), r.FrameCount,
         Seconds(i.ToModuleMicros), Seconds(i.ToToolMicros), Seconds(i.ModuleMicros),
-        Seconds(i.AdapterMicros), Seconds(i.ToolWaitMicros), r.StartExcess, r.FramesExcess,
-        perFrame, r.FrameExcessMedian, r.FrameExcessMax, r.EndExcess, late, r.ReactionMedian);
+        Seconds(i.AdapterMicros), Seconds(i.ToolWaitMicros), r.StartExcess, r.Frames.Total,
+        perFrame, r.Frames.Median, r.Frames.Max, r.EndExcess, late, r.ReactionMedian);
   }
+  if (o.Floor) PrintFloor(rows);
   return ok ? 0 : 1;
 }

@@ -8,13 +8,6 @@ namespace palimbo::sim {
 
 namespace {
 
-// The waits of the tool's design.
-constexpr int64_t kSettlingMicros = 1'000'000;  // drain after opening the port
-constexpr int64_t kPollCycleMicros = 400'000;   // sleep, "i", sleep, read
-constexpr int64_t kEntryDrainMicros = 500'000;  // direct protocol only, after the entry
-constexpr int64_t kWriteSleepMicros = 5'000;    // after a direct write, before a CCB write
-constexpr int64_t kBeforeRebootMicros = 500'000;
-constexpr int64_t kAfterRebootMicros = 700'000;  // 500 ms, then 200 ms before the close
 constexpr int64_t kCcbWaitMicros = 1'000'000;
 
 // Each framed request adds start, length and two CRC bytes to the command and its data.

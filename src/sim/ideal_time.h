@@ -8,6 +8,15 @@
 
 namespace palimbo::sim {
 
+// The waits of the tool's design.
+inline constexpr int64_t kSettlingMicros = 1'000'000;              ///< drain after opening the port
+inline constexpr int64_t kPollSleepMicros = 200'000;               ///< before and after each "i"
+inline constexpr int64_t kPollCycleMicros = 2 * kPollSleepMicros;  ///< sleep, "i", sleep, read
+inline constexpr int64_t kEntryDrainMicros = 500'000;  ///< direct protocol only, after the entry
+inline constexpr int64_t kWriteSleepMicros = 5'000;    ///< after a direct write, before a CCB write
+inline constexpr int64_t kBeforeRebootMicros = 500'000;
+inline constexpr int64_t kAfterRebootMicros = 700'000;  ///< 500 ms, then 200 ms before the close
+
 /// The least time an upload can take on a real line, from the port's opening to its closing,
 /// split by what it is spent on. The parts add up to `TotalMicros`.
 struct IdealTime {
