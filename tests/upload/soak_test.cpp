@@ -346,35 +346,5 @@ TEST(SoakJudge, OnlyAClaimOfTheImageCanBeFalse) {
   }
 }
 
-TEST(SoakTally, CountsByRowAndVerdict) {
-  Tally tally;
-  RunRecord verified{.Row = FaultClass::Noise, .Result = Verdict::Verified};
-  verified.Exercised[static_cast<size_t>(FaultClass::Noise)] = true;
-  RunRecord hang{.Row = FaultClass::Mixed, .Result = Verdict::Hang, .PortLeftOpen = true};
-  hang.Exercised[static_cast<size_t>(FaultClass::Noise)] = true;
-  hang.Exercised[static_cast<size_t>(FaultClass::LineCut)] = true;
-  tally.Add(verified);
-  tally.Add(verified);
-  tally.Add(hang);
-  EXPECT_EQ(tally.TotalRuns(), 3);
-  EXPECT_EQ(tally.Runs(FaultClass::Noise), 2);
-  EXPECT_EQ(tally.Count(FaultClass::Noise, Verdict::Verified), 2);
-  EXPECT_EQ(tally.Count(FaultClass::Mixed, Verdict::Hang), 1);
-  EXPECT_EQ(tally.Count(Verdict::Hang), 1);
-  EXPECT_EQ(tally.Exercised(FaultClass::Noise), 3);
-  EXPECT_EQ(tally.Exercised(FaultClass::LineCut), 1);
-  EXPECT_EQ(tally.PortsLeftOpen(), 1);
-  const std::string table = tally.Table();
-  EXPECT_NE(table.find("| noise between frames | 2 | 3 | 2 | 0 | 0 | 0 | 0 | 0 | 0 |"),
-            std::string::npos)
-      << table;
-  EXPECT_NE(table.find("| mixed (2-4 of the above) | 1 | - | 0 | 0 | 0 | 0 | 0 | 0 | 1 |"),
-            std::string::npos)
-      << table;
-  EXPECT_NE(table.find("| **all** | 3 | | 2 | 0 | 0 | 0 | 0 | 0 | 1 |"), std::string::npos)
-      << table;
-  EXPECT_EQ(table.find("line cut"), std::string::npos) << "rows without runs stay out";
-}
-
 }  // namespace
 }  // namespace palimbo::soak
