@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Builds everything and runs all tests: the Linux build, the Windows build under Wine, the
-# whole suite again under ASan and UBSan, and each fuzzer for a bounded time (a crash fails).
+# window for Windows under Wine (with Qt for Windows built once and cached), the whole suite
+# again under ASan and UBSan, and each fuzzer for a bounded time (a crash fails).
 # PALIMBO_TEST_PHASES picks some of them, e.g. PALIMBO_TEST_PHASES="native windows".
 set -euo pipefail
 cd "$(dirname "$0")/.."
-phases=${PALIMBO_TEST_PHASES:-native windows sanitize fuzz}
+phases=${PALIMBO_TEST_PHASES:-native windows window-win sanitize fuzz}
 
 timed() {
   local started=$SECONDS
@@ -26,6 +27,7 @@ for phase in $phases; do
   case $phase in
     native) timed native ;;
     windows) timed scripts/test-windows.sh build ;;
+    window-win) timed scripts/test-windows-window.sh build ;;
     sanitize) timed sanitize ;;
     fuzz) timed scripts/fuzz.sh 12 ;;
     *) echo "unknown phase '$phase'" >&2; exit 2 ;;

@@ -1,0 +1,145 @@
+#!/usr/bin/env bash
+# The window as an operator uses it: palimbo.exe under Wine and the Linux palimbo, each on the
+# X display of the tests, flash a module served by the Linux simulate. START is clicked with the
+# mouse, the end is seen on the progress bar, and the status list is taken with the list's
+# "Copy log". The module's flash must equal the image, and both windows must show the same lines
+# apart from the time stamps and the port's name.
+# Usage: window_e2e.sh WINDOWS_EXE LINUX_WINDOW LINUX_CLI direct|ccb HEX_FILE COMn [SHOT.png]
+# Needs DISPLAY (an X server without a window manager) and WINEPREFIX. With SHOT.png, or
+# PALIMBO_WINDOW_SHOT for the direct protocol, the Windows window is captured after its upload.
+set -euo pipefail
+win_exe=$1 linux_window=$2 linux_cli=$3 protocol=$4 hex=$5 com=$6 shot=${7:-}
+[[ -n $shot || $protocol != direct ]] || shot=${PALIMBO_WINDOW_SHOT:-}
+: "${WINEPREFIX:?a Wine prefix of the tests}" "${DISPLAY:?an X display}"
+here=$(dirname "$0")
+work=$(mktemp -d)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# The window's layout is fixed in twips, 15 to a pixel; these are points inside its controls.
+start_x=168 start_y=132        # cmdStart
+list_x=388 list_y=216          # lstStatus
+bar=495x12+140+286             # the inside of pctProgress
+
+start_module() {
+  local name=$1
+  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" \
+    >"$work/$name.sim" 2>"$work/$name.sim.err" &
+  sim=$!
+  pids+=("$sim")
+  for _ in $(seq 100); do
+    pts=$(head -n1 "$work/$name.sim" 2>/dev/null || true)
+    [[ -n $pts ]] && return 0
+    sleep 0.1
+  done
+  echo "simulate did not start: $(cat "$work/$name.sim.err")" >&2
+  return 1
+}
+
+check_flash() {
+  local name=$1 length
+  kill -INT "$sim"
+  wait "$sim" || true
+  length=$(stat -c %s "$work/image.bin")
+  cmp -n "$length" "$work/image.bin" "$work/$name.flash" ||
+    { echo "$name: the module's flash differs from the image" >&2; return 1; }
+}
+
+bar_blank() {  # 1 when the bar of window $1 is all white: no colour, no text
+  import -window "$1" -crop $bar -colorspace gray -format '%[fx:minima]' info: 2>/dev/null
+}
+
+# Presses START in the window $1 and waits until the bar has shown the job and then stays blank:
+# between stages the bar is blank for a moment only, after the job for good.
+upload_through() {
+  local wid=$1 name=$2 seen=0 blank started ended=0
+  xdotool mousemove --window "$wid" $start_x $start_y click 1
+  started=$(date +%s%N)
+  for _ in $(seq 1200); do
+    blank=$(bar_blank "$wid" || true)
+    if [[ $blank != 1 && -n $blank ]]; then
+      seen=1 ended=0
+    elif ((seen && ended == 0)); then
+      ended=$(date +%s%N)
+    elif ((ended && $(date +%s%N) - ended > 3000000000)); then
+      echo "$name upload: $(((ended - started) / 1000000)) ms" >&2
+      return 0
+    fi
+    sleep 0.2
+  done
+  echo "$name: the upload did not end within 4 minutes" >&2
+  return 1
+}
+
+# The status list through its menu's "Copy log", one line each, without stamps and port names.
+copy_log() {
+  local wid=$1 port=$2
+  xdotool mousemove --window "$wid" $list_x $list_y click 3
+  sleep 0.5
+  xdotool mousemove_relative 30 12 click 1  # the menu's first item
+  sleep 0.5
+  xclip -selection clipboard -o | sed -e 's/\r$//' -e 's/^[^\t]*\t//' \
+    -e "s|^$port opened\.|PORT opened.|"
+}
+
+wait_window() {  # the window of the program $1, once it shows
+  local pid=$1 wid
+  for _ in $(seq 300); do
+    wid=$(xdotool search --onlyvisible --name '^Module programmer$' 2>/dev/null | head -n1)
+    [[ -n $wid ]] && { echo "$wid"; return 0; }
+    kill -0 "$pid" 2>/dev/null || return 1
+    sleep 0.2
+  done
+  return 1
+}
+
+"$linux_cli" hex2bin "$hex" "$work/image.bin"
+
+# Windows: the store holds the port and the file, as the operator left them last time.
+start_module windows
+ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
+appdata="$WINEPREFIX/drive_c/users/$(id -un)/AppData/Roaming"
+mkdir -p "$appdata"
+win_hex="Z:$(printf '%s' "$(realpath "$hex")" | tr / '\\')"
+printf '[Settings]\r\nPort=%s\r\nFile=%s\r\n' "$com" "${win_hex//\\/\\\\}" >"$appdata/Palimbo v1.ini"
+setsid bash "$here/wine_guard.sh" 300 1500 "$win_exe" >"$work/windows.out" 2>&1 &
+window=$!
+pids+=("$window")
+wid=$(wait_window "$window") ||
+  { echo "palimbo.exe showed no window: $(cat "$work/windows.out")" >&2; exit 1; }
+upload_through "$wid" Windows
+[[ -z $shot ]] || import -window "$wid" "$shot"
+copy_log "$wid" "$com" >"$work/windows.log"
+# Closed as an operator closes it; the Linux window must not find this one still standing.
+xdotool key --window "$wid" alt+F4 2>/dev/null || true
+for _ in $(seq 100); do
+  kill -0 "$window" 2>/dev/null || break
+  sleep 0.2
+done
+kill -TERM "$window" 2>/dev/null || true
+wait "$window" 2>/dev/null || true
+check_flash windows
+
+# Linux: the same with its own store and the pseudo-terminal's name.
+start_module linux
+mkdir -p "$work/config"
+printf '[Settings]\nPort=%s\nFile=%s\n' "$pts" "$(realpath "$hex")" >"$work/config/Palimbo v1.ini"
+XDG_CONFIG_HOME=$work/config QT_QPA_PLATFORM=xcb setsid "$linux_window" >"$work/linux.out" 2>&1 &
+window=$!
+pids+=("$window")
+wid=$(wait_window "$window") ||
+  { echo "palimbo showed no window: $(cat "$work/linux.out")" >&2; exit 1; }
+upload_through "$wid" Linux
+copy_log "$wid" "$pts" >"$work/linux.log"
+check_flash linux
+
+if ! diff "$work/windows.log" "$work/linux.log"; then
+  echo "the status lists of the two windows differ" >&2
+  exit 1
+fi
+grep -qx "UPLOAD SUCCESSFULLY COMPLETED." "$work/windows.log"
+echo "$protocol: both windows flashed the module and show the same $(wc -l <"$work/windows.log") lines"
