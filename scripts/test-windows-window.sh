@@ -18,7 +18,8 @@ qt=$(scripts/qt-windows.sh | tail -n1)
 scripts/configure-windows-window.sh "$qt" build-win-window -DCMAKE_BUILD_TYPE=Release \
   -DPALIMBO_LINUX_CLI="$linux_build/src/cli/palimbo-cli" \
   -DPALIMBO_LINUX_WINDOW="$linux_build/src/console/palimbo" >&2
-cmake --build build-win-window -j2 --target palimbo_window console_test palimbo-cli palimbo_msi >&2
+cmake --build build-win-window -j2 --target palimbo_window console_test palimbo-cli palimbo_msi \
+  fake_ftd2xx >&2
 
 export WINEPREFIX WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 WINEPREFIX=$(mktemp -d)

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # The window as an operator uses it: palimbo.exe under Wine and the Linux palimbo, each on the
-# X display of the tests, flash a module served by the Linux simulate. START is clicked with the
-# mouse, the end is seen on the progress bar, and the status list is taken with the list's
-# "Copy log". The module's flash must equal the image, and both windows must show the same lines
-# apart from the time stamps and the port's name.
-# Usage: window_e2e.sh WINDOWS_EXE LINUX_WINDOW LINUX_CLI direct|ccb HEX_FILE COMn [SHOT.png]
+# X display of the tests, flash a module served by the Linux simulate. palimbo.exe finds its
+# port by itself, through the stand-in for the vendor's FTD2XX.DLL beside it, though its store
+# names another. START is clicked with the mouse, the end is seen on the progress bar, and the
+# status list is taken with the list's "Copy log". The module's flash must equal the image, and
+# both windows must show the same lines apart from the time stamps and the port's name.
+# Usage: window_e2e.sh WINDOWS_EXE FAKE_FTD2XX_DLL LINUX_WINDOW LINUX_CLI direct|ccb HEX_FILE COMn
+#        [SHOT.png]
 # Needs DISPLAY (an X server without a window manager) and WINEPREFIX. With SHOT.png, or
 # PALIMBO_WINDOW_SHOT for the direct protocol, the Windows window is captured after its upload.
 set -euo pipefail
-win_exe=$1 linux_window=$2 linux_cli=$3 protocol=$4 hex=$5 com=$6 shot=${7:-}
+win_exe=$1 dll=$2 linux_window=$3 linux_cli=$4 protocol=$5 hex=$6 com=$7 shot=${8:-}
 [[ -n $shot || $protocol != direct ]] || shot=${PALIMBO_WINDOW_SHOT:-}
 : "${WINEPREFIX:?a Wine prefix of the tests}" "${DISPLAY:?an X display}"
 here=$(dirname "$0")
@@ -99,18 +101,24 @@ wait_window() {  # the window of the program $1, once it shows
 
 "$linux_cli" hex2bin "$hex" "$work/image.bin"
 
-# Windows: the store holds the port and the file, as the operator left them last time.
+# Windows: the store holds the file as the operator left it last time, and a port that the
+# automatic mode replaces with the controller's within a second.
 start_module windows
+mkdir "$work/programs"
+cp "$win_exe" "$work/programs/palimbo.exe"
+cp "$dll" "$work/programs/FTD2XX.DLL"
+export PALIMBO_FAKE_D2XX="KV PC-Kestrolar [A1]=${com#COM}"
 ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
 appdata="$WINEPREFIX/drive_c/users/$(id -un)/AppData/Roaming"
 mkdir -p "$appdata"
 win_hex="Z:$(printf '%s' "$(realpath "$hex")" | tr / '\\')"
-printf '[Settings]\r\nPort=%s\r\nFile=%s\r\n' "$com" "${win_hex//\\/\\\\}" >"$appdata/Palimbo v1.ini"
-setsid bash "$here/wine_guard.sh" 300 1500 "$win_exe" >"$work/windows.out" 2>&1 &
+printf '[Settings]\r\nPort=COM1\r\nFile=%s\r\n' "${win_hex//\\/\\\\}" >"$appdata/Palimbo v1.ini"
+setsid bash "$here/wine_guard.sh" 300 1500 "$work/programs/palimbo.exe" >"$work/windows.out" 2>&1 &
 window=$!
 pids+=("$window")
 wid=$(wait_window "$window") ||
   { echo "palimbo.exe showed no window: $(cat "$work/windows.out")" >&2; exit 1; }
+sleep 2  # a tick of the automatic mode
 upload_through "$wid" Windows
 [[ -z $shot ]] || import -window "$wid" "$shot"
 copy_log "$wid" "$com" >"$work/windows.log"
@@ -125,6 +133,7 @@ wait "$window" 2>/dev/null || true
 check_flash windows
 
 # Linux: the same with its own store and the pseudo-terminal's name.
+unset PALIMBO_FAKE_D2XX
 start_module linux
 mkdir -p "$work/config"
 printf '[Settings]\nPort=%s\nFile=%s\n' "$pts" "$(realpath "$hex")" >"$work/config/Palimbo v1.ini"
