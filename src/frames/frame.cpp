@@ -70,12 +70,15 @@ int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTi
 
 void WaitBefore(Link& Link, int64_t Deadline) {
   if (Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
-  const int64_t left = Deadline - Link.Time.GetTickCount();
-  if (left <= 0) return;
+  // Counted to the start of the deadline's tick, not in whole ticks from the present one, so
+  // that the wait ends within that tick however much of the present one has gone.
+  const int64_t leftMicros = Deadline * 1000 - Link.Time.GetMicros();
+  if (leftMicros <= 0) return;
   if (IsPortOpen(Link.PortHandle)) {
-    const int64_t micros = std::min<int64_t>(Link.IdleWaitMicros, left * 1000);
+    const int64_t micros = std::min<int64_t>(Link.IdleWaitMicros, leftMicros);
     Comm_warten_32(Link.Port, Link.PortHandle, static_cast<int32_t>(micros));
   } else {
+    const int64_t left = (leftMicros + 999) / 1000;
     // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
     Link.Time.Sleep(static_cast<int32_t>(std::min<int64_t>(kClosedPortWaitMillis, left)));
   }

@@ -63,7 +63,7 @@ TEST_P(FlashIntoSimulate, ExitStatusLogAndFlash) {
 
 INSTANTIATE_TEST_SUITE_P(
     , FlashIntoSimulate,
-    ::testing::Values(FlashCase{"Direct64KiB", {}, 65536, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
+    ::testing::Values(FlashCase{"Direct", {}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
                       FlashCase{
                           "Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
                       FlashCase{"DirectWithoutCrcIsUnverified",
@@ -99,12 +99,20 @@ TEST(Flash, PortThatCannotBeOpenedSaysWhy) {
       << ReadAll(err);
 }
 
-TEST(Flash, DamagedFileIsABadInput) {
-  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AB\r\n");
+// A give-up shorter than a healthy module's longest silence would cancel good uploads.
+TEST(Flash, GiveUpBelowAHealthySilenceIsRefused) {
+  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AA\r\n");
   const std::string err = testing::WriteTempFile("flash.err", "");
-  Process flash({PALIMBO_CLI, "flash", "--port", "/dev/null", file}, err);
-  EXPECT_EQ(flash.Wait(), 2);
-  EXPECT_NE(ReadAll(err).find("line 1: checksum mismatch"), std::string::npos) << ReadAll(err);
+  for (const auto& [seconds, status] : {std::pair{"35", 2}, {"36", 1}, {"0", 1}}) {
+    Process flash({PALIMBO_CLI, "flash", "--port", "/dev/palimbo-no-such-port", "--give-up-after",
+                   seconds, file},
+                  err);
+    EXPECT_EQ(flash.Wait(), status) << seconds;
+    EXPECT_EQ(ReadAll(err).find("--give-up-after 35 is shorter than a healthy module may stay "
+                                "silent (36 s: the CRC probe and two erases)") != std::string::npos,
+              status == 2)
+        << ReadAll(err);
+  }
 }
 
 }  // namespace

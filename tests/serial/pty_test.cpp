@@ -5,7 +5,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -32,12 +31,6 @@ class SerialPty : public ::testing::Test {
     const int32_t handle = Comm_oeffnen_32(Port, slave_ + ":" + Line);
     EXPECT_GE(handle, 0) << Line << ": " << Port.LastOpenError();
     return handle;
-  }
-  // Microseconds that `Comm_warten_32` took.
-  int64_t TimedWait(int32_t Handle, int32_t MaxMicros) {
-    const auto start = std::chrono::steady_clock::now();
-    Comm_warten_32(*port_, Handle, MaxMicros);
-    return (std::chrono::steady_clock::now() - start) / std::chrono::microseconds(1);
   }
   // Bytes reach the slave's queue a moment after the master took them; waits for them, with a
   // deadline far beyond what even a loaded machine needs.
@@ -94,23 +87,12 @@ TEST_F(SerialPty, OpenSaysWhyItFailedOrTakesThePortRawAndExclusively) {
   ::close(probe);
 }
 
-// Waits end by events, so only their lower bounds are tight; an upper bound of half the
-// longest wait still tells an early end from a time-out on a loaded machine.
-TEST_F(SerialPty, AllByteValuesPassBothWaysAndWaitsEndWhenTheyShould) {
+TEST_F(SerialPty, AllByteValuesPassBothWaysAndAWriteNobodyTakesGivesUp) {
   int32_t handle = OpenPort(*port_);
   std::string bytes = "\r\n\r", buffer = "old text from the caller";
   for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
-  EXPECT_GE(TimedWait(handle, 1000), 500) << "an idle wait waits";
-
-  std::thread module([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-  });
-  EXPECT_THAT(TimedWait(handle, 4'000'000),
-              ::testing::AllOf(::testing::Ge(10'000), ::testing::Le(2'000'000)));
-  module.join();
+  ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
   ASSERT_TRUE(AwaitBytes(handle, 259));
-  EXPECT_LE(TimedWait(handle, 4'000'000), 2'000'000) << "input waiting ends a wait at once";
   EXPECT_NE(Comm_lesen_32(*port_, handle, buffer), 0);
   EXPECT_EQ(buffer, bytes);
   EXPECT_EQ(Comm_lesen_32(*port_, handle, buffer), 0);
@@ -119,7 +101,7 @@ TEST_F(SerialPty, AllByteValuesPassBothWaysAndWaitsEndWhenTheyShould) {
   // More than the pseudo-terminal holds: the write waits for the module to read.
   std::string many, received;
   for (int i = 0; i < 100; ++i) many += bytes;
-  module = std::thread([&] {
+  std::thread module([&] {
     char chunk[4096];
     pollfd in{master_, POLLIN, 0};
     for (ssize_t n = 1; n > 0 && received.size() < many.size() && ::poll(&in, 1, 10'000) > 0;) {
@@ -131,10 +113,10 @@ TEST_F(SerialPty, AllByteValuesPassBothWaysAndWaitsEndWhenTheyShould) {
   EXPECT_EQ(received, many);
   EXPECT_EQ(port_->LostReason(), "");
 
-  Comm_close_32(*port_, handle);
-  EXPECT_LE(TimedWait(handle, 4'000'000), 2'000'000) << "a closed port is not waited on";
-  EXPECT_EQ(Comm_lesen_32(*port_, handle, buffer), 0);
-  EXPECT_EQ(port_->LostReason(), "") << "an ordinary close is no loss";
+  // A module that takes nothing: the write gives up, and the port is closed for it.
+  Comm_schreiben_32(*port_, handle, std::string(1 << 20, 'x'));
+  EXPECT_EQ(handle, -1);
+  EXPECT_EQ(port_->LostReason(), "the port took no data for 2 s");
 }
 
 // The module's end goes away, as when an adapter is pulled out: the first look or write
@@ -163,10 +145,7 @@ TEST_P(SerialPtyLoss, NoticedClosedAndExplained) {
   }
   ::close(master_);
   master_ = -1;
-  // A hung-up port has nothing to wait for: the wait ends long before its time.
-  if (c.WaitFirst) {
-    EXPECT_LE(TimedWait(handle, 4'000'000), 2'000'000);
-  }
+  if (c.WaitFirst) Comm_warten_32(*port_, handle, 4'000'000);
   std::string buffer = "old";
   if (c.WriteFirst) {
     EXPECT_EQ(Comm_schreiben_32(*port_, handle, "i"), 0);
