@@ -10,7 +10,9 @@
 #
 # Usage: scripts/mutate.sh [NUMBER...]   (default: every fault of the list)
 # PALIMBO_MUTATION_DIR holds the copy and its build (default /tmp/palimbo-mutation), kept between
-# runs so that the next one rebuilds only what changed.
+# runs so that the next one rebuilds only what changed. PALIMBO_MUTATION_IN_PLACE=BUILD_DIR plants
+# the faults in this tree itself and rebuilds that build folder instead, which saves the first
+# build on a busy machine; each file is put back after its fault, also when the run is stopped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source=$PWD
@@ -18,9 +20,15 @@ list=$source/scripts/mutants.txt
 work=${PALIMBO_MUTATION_DIR:-${TMPDIR:-/tmp}/palimbo-mutation}
 tree=$work/tree
 build=$work/build
+in_place=${PALIMBO_MUTATION_IN_PLACE:-}
+if [[ -n $in_place ]]; then
+  tree=$source
+  build=$(cd "$in_place" && pwd)
+fi
 started=$SECONDS
 
-# Reads the list; "count", "what N", "why N" and "plant N" (prints the file it changed).
+# Reads the list; "count", "what N", "why N", "path N", "check N" (the text is there once) and
+# "plant N".
 mutants() {
   python3 - "$list" "$tree" "$@" <<'EOF'
 import sys
@@ -40,31 +48,39 @@ if action == "count":
 path, old, new, what, why = rows[int(rest[0]) - 1]
 if action == "what":
     print(what)
+elif action == "path":
+    print(path)
 elif action == "why":
     print(why)
-elif action == "plant":
+else:
     old, new = old.replace("\\n", "\n"), new.replace("\\n", "\n")
     text = open(f"{tree}/{path}", encoding="utf-8").read()
     if text.count(old) != 1:
         sys.exit(f"{path}: the text of '{what}' occurs {text.count(old)} times, not once")
-    open(f"{tree}/{path}", "w", encoding="utf-8").write(text.replace(old, new))
-    print(path)
+    if action == "plant":
+        open(f"{tree}/{path}", "w", encoding="utf-8").write(text.replace(old, new))
 EOF
 }
 
-# A fresh copy of the sources; their times are kept, so the build stays incremental.
-rm -rf "$tree"
-mkdir -p "$tree" "$build"
-tar -C "$source" --exclude='./build*' --exclude=./.git -cf - . | tar -C "$tree" -xf -
+mkdir -p "$work" "$build"
+if [[ -z $in_place ]]; then
+  # A fresh copy of the sources; their times are kept, so the build stays incremental.
+  rm -rf "$tree"
+  mkdir -p "$tree"
+  tar -C "$source" --exclude='./build*' --exclude=./.git -cf - . | tar -C "$tree" -xf -
+fi
 
 count=$(mutants count)
 numbers=("$@")
 ((${#numbers[@]})) || mapfile -t numbers < <(seq 1 "$count")
-for n in "${numbers[@]}"; do mutants what "$n" >/dev/null; done
+# A stale line of the list fails here, before the long build.
+for n in "${numbers[@]}"; do mutants check "$n"; done
 
-# Light optimisation and no debug information: the rebuilds dominate, not the tests.
-cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -DPALIMBO_BENCH=OFF -DPALIMBO_TEST_TIMEOUT=60 >/dev/null
+if [[ -z $in_place ]]; then
+  # Light optimisation and no debug information: the rebuilds dominate, not the tests.
+  cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -DPALIMBO_BENCH=OFF -DPALIMBO_TEST_TIMEOUT=60 >/dev/null
+fi
 
 suite() {
   # Without the costs of the last run, the tests start in the order of the tree, the quick
@@ -85,11 +101,18 @@ suite "$work/clean.log" || {
 }
 
 killed=0 survived=0 accounted=0
+planted=
+# The planted file goes back however the run ends.
+restore() { [[ -z $planted ]] || cp "$work/original" "$tree/$planted"; planted=; }
+trap restore EXIT
+trap 'exit 130' INT TERM
 for n in "${numbers[@]}"; do
   what=$(mutants what "$n")
   why=$(mutants why "$n")
-  file=$(mutants plant "$n")
-  cp "$source/$file" "$work/original"
+  file=$(mutants path "$n")
+  cp "$tree/$file" "$work/original"
+  planted=$file
+  mutants plant "$n"
   t0=$SECONDS
   if ! nice -n 5 cmake --build "$build" -j2 >"$work/mutant-$n.log" 2>&1; then
     echo "mutant $n: killed by the build ($what)"
@@ -106,7 +129,7 @@ for n in "${numbers[@]}"; do
     echo "mutant $n: SURVIVED: $what ($file)"
     survived=$((survived + 1))
   fi
-  cp "$work/original" "$tree/$file"
+  restore
 done
 
 echo "mutation: $killed of ${#numbers[@]} killed, $((survived + accounted)) survived" \

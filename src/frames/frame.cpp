@@ -9,7 +9,8 @@ namespace palimbo {
 
 namespace {
 constexpr int kSilenceMs = 60;
-}
+constexpr int kTries = 10;
+}  // namespace
 
 std::string BuildFrame(uint8_t StartByte, uint8_t CommandByte, std::string_view CommandString) {
   std::string body;
@@ -95,6 +96,48 @@ void DropAfterSilence(Link& Link, int64_t LastByteTime, RxQueue& RxBuffer) {
   if (LastByteTime + kSilenceMs < Link.Time.GetTickCount() && !RxBuffer.empty()) {
     RxBuffer.DropFront(1);
   }
+}
+
+bool RunTries(Link& Link, const std::string& Frame, WriteOrder Order, int16_t WaitForAnswer,
+              RxQueue& RxBuffer, const std::function<PassFind(RxQueue&)>& Look) {
+  int64_t LastByteTime = 0;
+  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
+  bool Settled = true;
+  RxBuffer.clear();
+  std::string Chunk;
+  for (int16_t Tries = 0; Tries < kTries; ++Tries) {
+    if (Order == WriteOrder::BeforeTheDrain) {
+      Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
+      Link.Time.Sleep(5);
+      // Whatever reached the port up to now, answer or not, is lost here.
+      Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+    } else {
+      Link.Time.Sleep(5);
+      Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+      Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
+    }
+    const int64_t TryStart = Link.Time.GetTickCount();
+    bool TryEnded = false;
+    do {
+      Link.Events.PumpEvents();
+      const size_t kept = RxBuffer.size();
+      ReadPass(Link, Chunk,
+               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
+      if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
+      RxBuffer.Append(Chunk);
+      const PassFind found = Look(RxBuffer);
+      if (found == PassFind::Positive) {
+        Link.LastAnswerTick = Link.Time.GetTickCount();
+        return true;
+      }
+      TryEnded = TryEnded || found == PassFind::EndOfTry;
+      DropAfterSilence(Link, LastByteTime, RxBuffer);
+      Settled = RxBuffer.size() == kept + Chunk.size();
+      Link.Events.PumpEvents();
+      if (Link.Cancel) return false;
+    } while (TryStart + WaitForAnswer > Link.Time.GetTickCount() && !TryEnded);
+  }
+  return false;
 }
 
 }  // namespace palimbo

@@ -65,27 +65,8 @@ INSTANTIATE_TEST_SUITE_P(
     , FlashIntoSimulate,
     ::testing::Values(FlashCase{"Direct", {}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
                       FlashCase{
-                          "Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."},
-                      FlashCase{"DirectWithoutCrcIsUnverified",
-                                {"--no-crc", "--echo"},
-                                1000,
-                                3,
-                                "Unable to retrieve checksum (not supported by bootloader)"}),
+                          "Ccb", {"--protocol", "ccb"}, 5000, 0, "UPLOAD SUCCESSFULLY COMPLETED."}),
     [](const auto& Info) { return std::string(Info.param.Name); });
-
-TEST(Flash, CtrlCCancelsAtTheJobsOwnExit) {
-  const std::string file =
-      testing::WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(30000)));
-  Process module({PALIMBO_CLI, "simulate"}, testing::WriteTempFile("simulate.err", ""));
-  const std::string port = module.FirstLine(5000);
-  ASSERT_FALSE(port.empty());
-  Process flash({PALIMBO_CLI, "flash", "--port", port, file},
-                testing::WriteTempFile("flash.err", ""));
-  ASSERT_TRUE(flash.WaitForLine("Writing FLASH", 10000)) << flash.Output;
-  flash.Signal(SIGINT);
-  EXPECT_EQ(flash.Wait(), 1);
-  EXPECT_TRUE(flash.WaitForLine("Operation cancelled.", 0)) << flash.Output;
-}
 
 TEST(Flash, PortThatCannotBeOpenedSaysWhy) {
   const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AA\r\n");

@@ -8,14 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "serial/comm.h"
-#include "serial/trace_backend.h"
-#include "sim/virtual_clock.h"
 
 namespace palimbo {
 namespace {
@@ -174,43 +169,6 @@ INSTANTIATE_TEST_SUITE_P(, SerialPtyLoss,
                                                     false},
                                            LossCase{"WriteNotices", "", false, true}),
                          [](const auto& Info) { return std::string(Info.param.Name); });
-
-TEST_F(SerialPty, TracedWritesKeepThePortUntilOneFallsShort) {
-  // Named by the pseudo-terminal's number, so runs side by side write apart.
-  const auto path = std::filesystem::temp_directory_path() / ("palimbo_trace_" + slave_.substr(9));
-  std::ofstream file(path, std::ios::binary);
-  sim::VirtualClock clock;
-  TraceBackend trace(*port_, clock, file);
-  int32_t handle = OpenPort(trace);
-  const int32_t opened = handle;
-  EscapeCommFunction(trace, handle, SETDTR);  // a pseudo-terminal refuses it, harmlessly
-  EXPECT_EQ(Comm_schreiben_32(trace, handle, ""), 0);
-  clock.Sleep(12);
-  EXPECT_EQ(Comm_schreiben_32(trace, handle, std::string("\x55\x05\x43\0\0\x01\0\x44", 8)), 8);
-  clock.Sleep(1222);
-  ASSERT_EQ(::write(master_, "\x00\xFF\xA0\x0A", 4), 4);
-  ASSERT_TRUE(AwaitBytes(handle, 4));
-  std::string got;
-  EXPECT_NE(Comm_lesen_32(trace, handle, got), 0);
-
-  // The module hung up: the write falls short, closes the port, and adds no line.
-  ::close(master_);
-  master_ = -1;
-  EXPECT_EQ(Comm_schreiben_32(trace, handle, "i"), 0);
-  EXPECT_EQ(handle, -1);
-  EXPECT_EQ(trace.LostReason(), "Input/output error");
-  Comm_close_32(trace, handle);
-  // Read back while the file is still open: each line must already be on disk.
-  std::ostringstream onDisk;
-  onDisk << std::ifstream(path, std::ios::binary).rdbuf();
-  EXPECT_EQ(onDisk.str(), "12 > 55 05 43 00 00 01 00 44\n1234 < 00 FF A0 0A\n");
-  // The old number now belongs to another file of the program; the backend must not touch it.
-  ASSERT_EQ(::dup2(STDERR_FILENO, opened), opened);
-  port_->Close(opened);
-  EXPECT_NE(::fcntl(opened, F_GETFD), -1);
-  ::close(opened);
-  std::filesystem::remove(path);
-}
 
 }  // namespace
 }  // namespace palimbo

@@ -135,8 +135,6 @@ constexpr auto kCcb = BootProtocol::Ccb;
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
     // The line is cut: the next look notices, the next pump gives up.
-    GiveUpCase{"DirectCutInTheEntryPoll", SilentModule(kDirect), PollCycle(3), 60,
-               UploadOutcome::GivenUp, kLost, kCancelled, 1000},
     GiveUpCase{"DirectCutInThePagePass", Module(kDirect), Heard('F', 3), 60,
                UploadOutcome::GivenUp, kLost, kCancelled, 50},
     // The final check has no cancel exit: it fails, and the reboot runs out on the dead port.
@@ -157,8 +155,6 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
                "UPLOAD SUCCESSFULLY COMPLETED.", 1500},
     // The module falls silent: the time counts from its last positive answer, or from the
     // port's opening when none came.
-    GiveUpCase{"DirectSilentInTheEntryPoll", SilentModule(kDirect), nullptr, 5,
-               UploadOutcome::GivenUp, kSilent5, kCancelled, 500},
     GiveUpCase{"DirectSilentInThePagePass", Module(kDirect, LoseAll('F')), nullptr, 5,
                UploadOutcome::GivenUp, kSilent5, kCancelled, 50},
     GiveUpCase{"DirectSilentInTheFinalCheck", Module(kDirect, LoseFrom('C', 2)), nullptr, 5,
@@ -170,9 +166,6 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
                UploadOutcome::GivenUp, kSilent5, "Transfer failed.", 50},
     GiveUpCase{"CcbSilentInTheFinalCheck", Module(kCcb, LoseAll(CCBCheck)), nullptr, 5,
                UploadOutcome::GivenUp, kSilent5, kCancelled, 50},
-    // The endless repeats of a part ("TOO MANY TRIES") end after a minute of silence.
-    GiveUpCase{"DirectEndlessRepeats", Module(kDirect, LoseAll('F')), nullptr, 60,
-               UploadOutcome::GivenUp, kSilent60, kCancelled, 50},
     // Entry without an answer and the operator's Yes: the silence counts from the Yes.
     GiveUpCase{"SilentModuleAfterYes", SilentModule(kDirect), nullptr, 60,
                UploadOutcome::GivenUp, kSilent60, kCancelled, 50, /*AnswerYes=*/true},
@@ -221,22 +214,6 @@ TEST(GiveUpWatchAlone, LooksOnlyAtAJobWithItsPortOpenAndNeverForSilenceAtZero) {
   EXPECT_FALSE(soon.Check(job.Ctx));
   EXPECT_EQ(job.Ctx.GiveUpReason, "no answer from the module for 1 s");
   EXPECT_FALSE(never.Check(job.Ctx));
-}
-
-TEST(GiveUpWatchAlone, ZeroSecondsNeverGivesUpOnSilence) {
-  SimulatedModule module(Module(kDirect, LoseAll('F')));
-  UploadRun run(module);
-  GiveUpWatch watch("SIM", 0);
-  int gaveUp = 0;
-  run.Job.Pump.OnPump = [&] {
-    gaveUp += watch.Check(run.Job.Ctx);
-    // The operator ends it after ten minutes of "TOO MANY TRIES".
-    if (run.Job.NowMs() > 600'000) run.Job.Ctx.Cancel = true;
-  };
-  const UploadResult result = run.Run(TestImage(300));
-  EXPECT_EQ(gaveUp, 0);
-  EXPECT_EQ(result.Outcome, UploadOutcome::Cancelled);
-  EXPECT_EQ(result.Reason, "cancelled");
 }
 
 // A module that goes away while the line settles, before any pump: the settling second idles

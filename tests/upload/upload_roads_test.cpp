@@ -274,34 +274,6 @@ INSTANTIATE_TEST_SUITE_P(, Cancel, ::testing::Values(
     [](const auto& Info) { return std::string(Info.param.Name); });
 // clang-format on
 
-// A CCB bootloader whose numbers do not fit in 31 bits: the answer is still positive, and the
-// number matches no CRC, so a block goes on and a check starts the transfer over.
-TEST(CcbHugeNumbers, BlocksGoOnAndChecksStartOver) {
-  const std::string image = TestImage(300);
-  const int32_t crc = Crc16Of(image);
-  for (const bool inCheck : {false, true}) {
-    testing::ScriptedPeer module;
-    int blocks = 0, checks = 0;
-    module.OnReceive = [&](std::string_view Heard, int64_t Now, std::vector<sim::Emission>& Out) {
-      if (Heard == "i") return Out.push_back({Now + 10'000, "X"});
-      const auto command = static_cast<uint8_t>(Heard[2]);
-      std::string number;
-      blocks += command == CCBBlock;
-      if (command == CCBBlock && !inCheck) number = Bytes({0x80, 0, 0, 0});
-      if (command == CCBCheck) {
-        number = ++checks == 1 && inCheck ? Bytes({0xFF, 0xFF, 0xFF, 0xFF})
-                                          : Bytes({crc >> 8, crc & 255});
-      }
-      Out.push_back({Now + 10'000, Ccb(CCBAnswer, static_cast<char>(command) + number)});
-    };
-    testing::VirtualJob job(module);
-    const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(image));
-    EXPECT_EQ(StartUpload(job.Ctx, file, "SIM").Outcome, kVerified);
-    EXPECT_EQ(blocks, inCheck ? 6 : 3);
-    EXPECT_EQ(job.Log.Contains("CRC test of application section FAILED:"), inCheck);
-  }
-}
-
 // The window stays alive while pages are written: from the first page's bar to the last, no
 // two pumps lie more than 20 ms apart, also with answers that come late in their try.
 TEST(DirectUpload, PagesPumpEventsAtLeastEvery20Ms) {
