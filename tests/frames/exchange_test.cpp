@@ -17,6 +17,7 @@ const std::string kProbeFrame = Bytes({0x55, 0x05, 0x43, 0x00, 0x00, 0x01, 0x00,
 const std::string kPositive = Bytes({0x55, 0x05, 0x52, 0x43, 0x01, 0x12, 0x34, 0x8D, 0x9E});
 const std::string kPositiveBare = Bytes({0x55, 0x03, 0x52, 0x43, 0x01, 0xBA, 0xCC});
 const std::string kNegative = Bytes({0x55, 0x03, 0x52, 0x43, 0x00, 0xE0, 0x37});
+const std::string kBadCrc = Bytes({0x55, 0x03, 0x52, 0x43, 0x01, 0xBA, 0xCD});
 // The CCB worked examples: CCBEnter, and CCBCheck with 00 00 40 00.
 const std::string kEnterFrame = Bytes({0x53, 0x01, 0x8A, 0x4C, 0xE5});
 const std::string kEnterAnswer = Bytes({0x53, 0x02, 0x8C, 0x8A, 0x10, 0x46});
@@ -110,8 +111,12 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{"DirectFourBytePayloadKeepsStatus", false, 'C', kProbe,
                  {{kEvery, 10, Direct(Bytes({'R', 'C', 1, 9}))}}, true, -7, 1, 12},
         Scenario{"DirectBadCrcDoesNotEndTheTry", false, 'C', kProbe,
-                 {{kEvery, 10, Bytes({0x55, 0x03, 0x52, 0x43, 0x01, 0xBA, 0xCD})}}, false, -7, 10,
+                 {{kEvery, 10, kBadCrc}}, false, -7, 10,
                  2550},
+        // A bad frame loses its first byte only: its rest waits for the silence (61 ticks after
+        // the last byte, at 14) and the answer behind it, in the same read, still counts.
+        Scenario{"DirectBadCrcThenPositiveInOneRead", false, 'C', kProbe,
+                 {{0, 10, kBadCrc + kPositive}}, true, 0x1234, 1, 75, 250, false, true},
         Scenario{"DirectSilenceTenFullTries", false, 'E', "", {}, false, -7, 10, 2550},
         Scenario{"DirectPositiveBehindNegativeInOneRead", false, 'C', kProbe,
                  {{0, 10, kNegative + kPositive}}, true, 0x1234, 1, 14, 250, false, true},
@@ -164,6 +169,9 @@ INSTANTIATE_TEST_SUITE_P(
                  10, 10050, 1000},
         Scenario{"CcbGarbageGoesAtOnce", true, 138, "",
                  {{kEvery, 10, Bytes({1, 2, 3}) + kEnterAnswer}}, true, 0, 1, 17, 1000},
+        Scenario{"CcbBadCrcThenPositiveInOneRead", true, 138, "",
+                 {{0, 10, kEnterAnswer.substr(0, 5) + "\x47" + kEnterAnswer}}, true, 0, 1, 17, 1000,
+                 false, true},
         Scenario{"CcbStrayByteWaitsForSilence", true, 138, "",
                  {{0, 10, Bytes({0x53})}, {0, 200, kEnterAnswer}}, true, 0, 1, 206, 1000},
         Scenario{"CcbAnswerRightBehindTheWriteIsKept", true, 138, "", {{kEvery, 0, kEnterAnswer}},
