@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 cli=${1:-build/src/cli/palimbo-cli}
 runs=${2:-3}
-give_up=5
+give_up=36
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
 bench/make_hex.py "$work/fw.hex" 20000

@@ -24,7 +24,7 @@ for protocol in direct ccb; do
         --turnaround-ms "$turnaround" --flash-ms 4 >"$work/port" 2>"$work/sim.err" &
       sim=$!
       for _ in $(seq 100); do [[ -s $work/port ]] && break; sleep 0.05; done
-      "$cli" flash --json --give-up-after 15 --port "$(head -n1 "$work/port")" "$work/fw.hex" \
+      "$cli" flash --json --give-up-after 36 --port "$(head -n1 "$work/port")" "$work/fw.hex" \
         >"$work/flash.json" 2>/dev/null || true
       kill -TERM "$sim"
       wait "$sim" 2>/dev/null || true

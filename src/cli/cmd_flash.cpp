@@ -20,7 +20,7 @@ const char* const kUsage =
     "  --yes              go on when the bootloader does not answer (else asked on a terminal\n"
     "                     with one module, else No)\n"
     "  --give-up-after S  give up on a module that has not answered for S seconds (default\n"
-    "                     60; 0 never); a port that goes away is given up at once\n"
+    "                     60, at least 36; 0 never); a port that goes away is given up at once\n"
     "  --json             JSON Lines on stdout: log lines, progress steps, one result a module\n"
     "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
     "                     (FILE.1, FILE.2, ... with several modules)\n"
@@ -51,6 +51,13 @@ int RunFlash(const std::vector<std::string>& Args) {
     return kExitOk;
   }
   request.IdleWait = !spin;
+  const int32_t giveUp = request.GiveUpAfterSeconds;
+  if (giveUp > 0 && giveUp < kLongestHealthySilenceSeconds) {
+    throw UsageError("--give-up-after " + std::to_string(giveUp) +
+                     " is shorter than a healthy module may stay silent (" +
+                     std::to_string(kLongestHealthySilenceSeconds) +
+                     " s: the CRC probe and two erases); give at least that, or 0 for never");
+  }
   if (all && !request.Ports.empty()) throw UsageError("--all and --port exclude each other");
 
   if (request.Ports.empty()) {

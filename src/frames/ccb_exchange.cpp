@@ -1,13 +1,10 @@
 #include "frames/ccb_exchange.h"
 
 #include "frames/frame.h"
-#include "serial/comm.h"
 
 namespace palimbo {
 
 namespace {
-
-constexpr int kTries = 10;
 
 // The number behind the echo; one beyond 31 bits gives kNumberOutOfRange.
 int32_t ComposeNumber(const std::string& Payload) {
@@ -44,40 +41,17 @@ bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::stri
 bool CCBSendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
                                 int16_t WaitForAnswer, int32_t& CRC, RxQueue& RxBuffer) {
   const auto command = static_cast<uint8_t>(CommandByte);
-  const std::string Frame = BuildFrame(kCcbStartByte, command, CommandString);
-  int64_t LastByteTime = 0;
-  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
-  bool Settled = true;
-  RxBuffer.clear();
-  std::string Chunk;
-  for (int16_t Tries = 0; Tries < kTries; ++Tries) {
-    // Drain before the write, so that an answer arriving right behind it is kept.
-    Link.Time.Sleep(5);
-    Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
-    Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
-    const int64_t TryStart = Link.Time.GetTickCount();
-    do {
-      Link.Events.PumpEvents();
-      const size_t kept = RxBuffer.size();
-      ReadPass(Link, Chunk,
-               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
-      if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
-      RxBuffer.Append(Chunk);
-      if (RxBuffer.size() >= 2) {
-        if (RxBuffer[0] != kCcbStartByte) {
-          RxBuffer.DropFront(1);
-        } else if (ScanFrames(RxBuffer, command, CRC)) {
-          Link.LastAnswerTick = Link.Time.GetTickCount();
-          return true;
-        }
-      }
-      DropAfterSilence(Link, LastByteTime, RxBuffer);
-      Settled = RxBuffer.size() == kept + Chunk.size();
-      Link.Events.PumpEvents();
-      if (Link.Cancel) return false;
-    } while (TryStart + WaitForAnswer > Link.Time.GetTickCount());
-  }
-  return false;
+  return RunTries(Link, BuildFrame(kCcbStartByte, command, CommandString),
+                  WriteOrder::AfterTheDrain, WaitForAnswer, RxBuffer, [&](RxQueue& Buffer) {
+                    if (Buffer.size() < 2) return PassFind::Nothing;
+                    // A byte that begins no frame goes at once.
+                    if (Buffer[0] != kCcbStartByte) {
+                      Buffer.DropFront(1);
+                      return PassFind::Nothing;
+                    }
+                    return ScanFrames(Buffer, command, CRC) ? PassFind::Positive
+                                                            : PassFind::Nothing;
+                  });
 }
 
 }  // namespace palimbo

@@ -1,13 +1,11 @@
 #include "frames/direct_exchange.h"
 
 #include "frames/frame.h"
-#include "serial/comm.h"
 
 namespace palimbo {
 
 namespace {
 
-constexpr int kTries = 10;
 constexpr uint8_t kAnswerMark = 0x52;  // "R"
 
 enum class ScanResult { GoOn, Positive };
@@ -45,38 +43,18 @@ bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string&
 bool SendCommandAndGetAnswer(Link& Link, int16_t CommandByte, const std::string& CommandString,
                              int16_t WaitForAnswer, int32_t& Status, RxQueue& RxBuffer) {
   const auto command = static_cast<uint8_t>(CommandByte);
-  const std::string Frame = BuildFrame(kDirectStartByte, command, CommandString);
-  int64_t LastByteTime = 0;
-  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
-  bool Settled = true;
-  RxBuffer.clear();
-  std::string Chunk;
-  for (int16_t Tries = 0; Tries < kTries; ++Tries) {
-    Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
-    Link.Time.Sleep(5);
-    // Whatever reached the port up to now, answer or not, is lost here.
-    Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
-    const int64_t TryStart = Link.Time.GetTickCount();
-    bool WaitEnded = false;
-    do {
-      Link.Events.PumpEvents();
-      const size_t kept = RxBuffer.size();
-      ReadPass(Link, Chunk,
-               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
-      if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
-      RxBuffer.Append(Chunk);
-      if (RxBuffer.size() >= 2 && RxBuffer[0] == kDirectStartByte &&
-          ScanFrames(RxBuffer, command, Status, WaitEnded) == ScanResult::Positive) {
-        Link.LastAnswerTick = Link.Time.GetTickCount();
-        return true;
-      }
-      DropAfterSilence(Link, LastByteTime, RxBuffer);
-      Settled = RxBuffer.size() == kept + Chunk.size();
-      Link.Events.PumpEvents();
-      if (Link.Cancel) return false;
-    } while (TryStart + WaitForAnswer > Link.Time.GetTickCount() && !WaitEnded);
-  }
-  return false;
+  return RunTries(Link, BuildFrame(kDirectStartByte, command, CommandString),
+                  WriteOrder::BeforeTheDrain, WaitForAnswer, RxBuffer, [&](RxQueue& Buffer) {
+                    // Anything but a start byte at the head waits for the silence rule.
+                    if (Buffer.size() < 2 || Buffer[0] != kDirectStartByte) {
+                      return PassFind::Nothing;
+                    }
+                    bool WaitEnded = false;
+                    if (ScanFrames(Buffer, command, Status, WaitEnded) == ScanResult::Positive) {
+                      return PassFind::Positive;
+                    }
+                    return WaitEnded ? PassFind::EndOfTry : PassFind::Nothing;
+                  });
 }
 
 }  // namespace palimbo

@@ -9,7 +9,8 @@ namespace palimbo {
 
 namespace {
 constexpr int kSilenceMs = 60;
-}
+constexpr int kTries = 10;
+}  // namespace
 
 std::string BuildFrame(uint8_t StartByte, uint8_t CommandByte, std::string_view CommandString) {
   std::string body;
@@ -70,12 +71,15 @@ int64_t PassWaitDeadline(Link& Link, const RxQueue& RxBuffer, int64_t LastByteTi
 
 void WaitBefore(Link& Link, int64_t Deadline) {
   if (Link.IdleWaitMicros <= 0 || Deadline == kNoWait) return;
-  const int64_t left = Deadline - Link.Time.GetTickCount();
-  if (left <= 0) return;
+  // Counted to the start of the deadline's tick, not in whole ticks from the present one, so
+  // that the wait ends within that tick however much of the present one has gone.
+  const int64_t leftMicros = Deadline * 1000 - Link.Time.GetMicros();
+  if (leftMicros <= 0) return;
   if (IsPortOpen(Link.PortHandle)) {
-    const int64_t micros = std::min<int64_t>(Link.IdleWaitMicros, left * 1000);
+    const int64_t micros = std::min<int64_t>(Link.IdleWaitMicros, leftMicros);
     Comm_warten_32(Link.Port, Link.PortHandle, static_cast<int32_t>(micros));
   } else {
+    const int64_t left = (leftMicros + 999) / 1000;
     // Nothing can arrive on a closed port; the clock's sleep keeps the loop from spinning.
     Link.Time.Sleep(static_cast<int32_t>(std::min<int64_t>(kClosedPortWaitMillis, left)));
   }
@@ -92,6 +96,48 @@ void DropAfterSilence(Link& Link, int64_t LastByteTime, RxQueue& RxBuffer) {
   if (LastByteTime + kSilenceMs < Link.Time.GetTickCount() && !RxBuffer.empty()) {
     RxBuffer.DropFront(1);
   }
+}
+
+bool RunTries(Link& Link, const std::string& Frame, WriteOrder Order, int16_t WaitForAnswer,
+              RxQueue& RxBuffer, const std::function<PassFind(RxQueue&)>& Look) {
+  int64_t LastByteTime = 0;
+  // Whether the last pass took no byte from the buffer, so that the next can only wait for more.
+  bool Settled = true;
+  RxBuffer.clear();
+  std::string Chunk;
+  for (int16_t Tries = 0; Tries < kTries; ++Tries) {
+    if (Order == WriteOrder::BeforeTheDrain) {
+      Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
+      Link.Time.Sleep(5);
+      // Whatever reached the port up to now, answer or not, is lost here.
+      Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+    } else {
+      Link.Time.Sleep(5);
+      Comm_lesen_32(Link.Port, Link.PortHandle, Chunk);
+      Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
+    }
+    const int64_t TryStart = Link.Time.GetTickCount();
+    bool TryEnded = false;
+    do {
+      Link.Events.PumpEvents();
+      const size_t kept = RxBuffer.size();
+      ReadPass(Link, Chunk,
+               PassWaitDeadline(Link, RxBuffer, LastByteTime, TryStart + WaitForAnswer, Settled));
+      if (!Chunk.empty()) LastByteTime = Link.Time.GetTickCount();
+      RxBuffer.Append(Chunk);
+      const PassFind found = Look(RxBuffer);
+      if (found == PassFind::Positive) {
+        Link.LastAnswerTick = Link.Time.GetTickCount();
+        return true;
+      }
+      TryEnded = TryEnded || found == PassFind::EndOfTry;
+      DropAfterSilence(Link, LastByteTime, RxBuffer);
+      Settled = RxBuffer.size() == kept + Chunk.size();
+      Link.Events.PumpEvents();
+      if (Link.Cancel) return false;
+    } while (TryStart + WaitForAnswer > Link.Time.GetTickCount() && !TryEnded);
+  }
+  return false;
 }
 
 }  // namespace palimbo

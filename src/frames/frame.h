@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -54,6 +55,24 @@ void WaitBefore(Link& Link, int64_t Deadline);
 /// the port (at most the link's idle wait, never past `Deadline`) and reads once more, so a
 /// polling loop idles instead of spinning.
 void ReadPass(Link& Link, std::string& Chunk, int64_t Deadline);
+
+/// What a protocol's look at the receive buffer found in one pass.
+enum class PassFind {
+  Nothing,   ///< the wait goes on
+  EndOfTry,  ///< a frame that ends the try: this pass is its last, the request goes out again
+  Positive,  ///< the answer: the exchange returns True at once
+};
+
+/// Where a try writes its request: before its 5 ms sleep and the drain, losing what arrives in
+/// them (direct), or after them, keeping an answer that comes right behind the write (CCB).
+enum class WriteOrder { BeforeTheDrain, AfterTheDrain };
+
+/// The tries of both exchanges: up to ten, each writing `Frame` and then running receive passes
+/// for `WaitForAnswer` ms, until `Look` finds the positive answer (True, and the link's
+/// `LastAnswerTick` set) or `Cancel` is found set (False). `RxBuffer` is emptied first and kept
+/// from one try to the next; `Look` takes frames and bytes from its head.
+bool RunTries(Link& Link, const std::string& Frame, WriteOrder Order, int16_t WaitForAnswer,
+              RxQueue& RxBuffer, const std::function<PassFind(RxQueue&)>& Look);
 
 /// The inactivity rule shared by both exchanges: after more than 60 ms without a byte, one
 /// byte a pass goes from the head of the buffer.

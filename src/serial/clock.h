@@ -13,6 +13,8 @@ class Clock {
   virtual ~Clock() = default;
   /// Milliseconds since an arbitrary start; never goes back.
   virtual int64_t GetTickCount() = 0;
+  /// The same clock in microseconds, so that a wait can end right at the start of a tick.
+  virtual int64_t GetMicros() = 0;
   /// Blocks for the given milliseconds; pumps no events.
   virtual void Sleep(int32_t Milliseconds) = 0;
 };
@@ -21,6 +23,7 @@ class Clock {
 class SteadyClock final : public Clock {
  public:
   int64_t GetTickCount() override;
+  int64_t GetMicros() override;
   void Sleep(int32_t Milliseconds) override;
 };
 

@@ -11,6 +11,7 @@ namespace palimbo::sim {
 class VirtualClock final : public Clock {
  public:
   int64_t GetTickCount() override { return now_us_ / 1000; }
+  int64_t GetMicros() override { return now_us_; }
   void Sleep(int32_t Milliseconds) override {
     if (Milliseconds > 0) now_us_ += int64_t{Milliseconds} * 1000;
   }

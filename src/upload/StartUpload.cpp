@@ -5,6 +5,7 @@
 #include "serial/timer_resolution.h"
 #include "upload/ccb_upload.h"
 #include "upload/direct_upload.h"
+#include "upload/job_steps.h"
 #include "upload/upload.h"
 
 namespace palimbo {
@@ -52,12 +53,7 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
   for (int32_t EntryCycles = 0;;) {
     Ctx.Sleep(200);
     Ctx.PumpEvents();
-    if (Ctx.Cancel) {
-      Ctx.Cancel = false;
-      Ctx.Log("Operation cancelled.");
-      Comm_close_32(Ctx.Port(), Ctx.PortHandle);
-      return EntryResult::Cancelled;
-    }
+    if (Ctx.Cancel) return EntryResult::Cancelled;
     Comm_schreiben_32(Ctx.Port(), Ctx.PortHandle, "i");
     Ctx.Sleep(200);
     Ctx.PumpEvents();
@@ -127,7 +123,7 @@ UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std:
     case EntryResult::Ccb:
       return StartUpload_CCBProtocol(Ctx, FirmwareString);
     case EntryResult::Cancelled:
-      return {UploadOutcome::Cancelled, "cancelled"};
+      return CancelExit(Ctx);
     case EntryResult::Refused:
       return {UploadOutcome::NoBootloader, "no answer from the bootloader"};
     case EntryResult::Direct:

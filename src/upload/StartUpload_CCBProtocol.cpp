@@ -4,6 +4,7 @@
 #include "serial/comm.h"
 #include "upload/ccb_upload.h"
 #include "upload/hex_text.h"
+#include "upload/job_steps.h"
 
 namespace palimbo {
 
@@ -12,15 +13,11 @@ namespace {
 constexpr int32_t kBlockSize = 128;
 constexpr int16_t kWait = 1000;
 
-void RebootSequence(JobContext& Ctx, Link& Link) {
-  Ctx.SetProgress(0, 2, kColorRed, "Rebooting..");
-  Ctx.Sleep(500);
-  int32_t scratch = 0;
-  CCBSendCommandAndGetAnswer(Link, CCBReboot, "", kWait, scratch);
-  Ctx.SetProgress(1, 2, kColorBlue, "Rebooting..");
-  Ctx.Sleep(500);
-  Ctx.SetProgress(2, 2, kColorBlue, "Rebooting..");
-  Ctx.Sleep(200);
+void Reboot(JobContext& Ctx, Link& Link) {
+  RebootAndClose(Ctx, [&] {
+    int32_t scratch = 0;
+    CCBSendCommandAndGetAnswer(Link, CCBReboot, "", kWait, scratch);
+  });
 }
 
 void ClosePort(JobContext& Ctx) {
@@ -39,12 +36,7 @@ TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& Firmwa
     Ctx.Log("Programming page 0x" + HexText(BlockAddress) + " to 0x" +
             HexText(BlockAddress + kBlockSize) + " ..");
     const std::string Block = FirmwareString.substr(BlockAddress, kBlockSize);
-    if (Ctx.Cancel) {
-      Ctx.Cancel = false;
-      Ctx.Log("Operation cancelled.");
-      Comm_close_32(Ctx.Port(), Ctx.PortHandle);
-      return TransferResult::Cancelled;
-    }
+    if (Ctx.Cancel) return TransferResult::Cancelled;
     int32_t scratch = 0;
     // A block gets the ten tries of its exchange and no more: a refused block ends the upload.
     if (!CCBSendCommandAndGetAnswer(Link, CCBBlock, BigEndian32(BlockAddress) + Block, kWait,
@@ -69,8 +61,7 @@ UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString
   if (!CCBSendCommandAndGetAnswer(link, CCBEnter, "", kWait, scratch)) {
     // The flag is still set when the exchange gave up for it, and then no module refused.
     const bool cancelled = Ctx.Cancel;
-    RebootSequence(Ctx, link);
-    ClosePort(Ctx);
+    Reboot(Ctx, link);
     if (cancelled) return {UploadOutcome::Cancelled, "cancelled"};
     return {UploadOutcome::Failed, "the bootloader did not take up the upload"};
   }
@@ -82,7 +73,7 @@ UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString
     int32_t BlockAddress = 0;
     switch (SendBlocks(Ctx, link, FirmwareString, BlockAddress)) {
       case TransferResult::Cancelled:
-        return {UploadOutcome::Cancelled, "cancelled"};
+        return CancelExit(Ctx);
       case TransferResult::Refused:
         // A cancel inside the block's exchange ends on this road too, with the flag still set.
         if (Ctx.Cancel) return {UploadOutcome::Cancelled, "cancelled"};
@@ -105,8 +96,7 @@ UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString
       Ctx.Log("UPLOAD FAILED. RESTARTING!");
     }
   }
-  RebootSequence(Ctx, link);
-  ClosePort(Ctx);
+  Reboot(Ctx, link);
   return {UploadOutcome::Verified, "verified"};
 }
 

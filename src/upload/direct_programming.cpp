@@ -87,13 +87,6 @@ bool WritePageOnce(DirectUpload& Job, Link& Link, int32_t PageAddress) {
 
 }  // namespace
 
-UploadResult CancelExit(JobContext& Ctx) {
-  Ctx.Cancel = false;
-  Ctx.Log("Operation cancelled.");
-  Comm_close_32(Ctx.Port(), Ctx.PortHandle);
-  return {UploadOutcome::Cancelled, "cancelled"};
-}
-
 void ProbeAndErase(DirectUpload& Job) {
   JobContext& Ctx = Job.Ctx;
   Link link = Ctx.MakeLink();

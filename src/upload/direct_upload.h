@@ -37,7 +37,4 @@ bool RunPagePass(DirectUpload& Job);
 /// reboots the module and closes the port.
 UploadResult VerifyAndReboot(DirectUpload& Job);
 
-/// The cancel exit of the direct upload: clears `Cancel`, logs it and closes the port.
-UploadResult CancelExit(JobContext& Ctx);
-
 }  // namespace palimbo

@@ -1,8 +1,8 @@
 #include "frames/crc16.h"
 #include "frames/direct_exchange.h"
 #include "frames/frame.h"
-#include "serial/comm.h"
 #include "upload/direct_upload.h"
+#include "upload/job_steps.h"
 
 namespace palimbo {
 
@@ -34,16 +34,10 @@ UploadResult VerifyAndReboot(DirectUpload& Job) {
     }
   }
 
-  Ctx.SetProgress(0, 2, kColorRed, "Rebooting..");
-  Ctx.Sleep(500);
-  int32_t scratch = 0;
-  SendCommandAndGetAnswer(link, kCmdReboot, "", 250, scratch);
-  Ctx.SetProgress(1, 2, kColorBlue, "Rebooting..");
-  Ctx.Sleep(500);
-  Ctx.SetProgress(2, 2, kColorBlue, "Rebooting..");
-  Ctx.Sleep(200);
-  Comm_close_32(Ctx.Port(), Ctx.PortHandle);
-  Ctx.SetProgress(0, 1, kColorBlue, "");
+  RebootAndClose(Ctx, [&] {
+    int32_t scratch = 0;
+    SendCommandAndGetAnswer(link, kCmdReboot, "", 250, scratch);
+  });
   if (verified) return {UploadOutcome::Verified, "verified"};
   // A cancel in the check makes it fail like a bootloader without it; the flag tells them apart.
   if (Ctx.Cancel) return {UploadOutcome::Unverified, "written; the check was cancelled"};

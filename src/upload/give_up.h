@@ -10,6 +10,11 @@ namespace palimbo {
 /// Seconds of silence after which the command line gives up on a module by default.
 inline constexpr int32_t kDefaultNoAnswerSeconds = 60;
 
+/// The longest a healthy module stays silent, rounded up: a bootloader without CRC checks lets
+/// the CRC probe run out its ten tries of 1 s, and may do the same with each of the two erases'
+/// ten tries of 1.25 s (35.15 s in all). Giving up sooner would cancel a good upload.
+inline constexpr int32_t kLongestHealthySilenceSeconds = 36;
+
 /// A way out of a job that would otherwise never end by itself, for front ends without an
 /// operator at CANCEL: the port has gone away under the job, or the module has not answered
 /// positively for a while, or has answered without the job getting any further for twice that

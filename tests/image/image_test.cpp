@@ -62,6 +62,9 @@ const ReadCase kReadCases[] = {
     {"LastIndex", Seg1000 + ":0186A0005584", Zeros(100000) + "55", ""},
     {"PastLastIndex", Seg1000 + ":0186A1005583", "", "line 2: data beyond address 100000"},
     {"Marker", ":000000FF01\r\n" + A, "55", "", true},
+    // Start addresses (types 3, 5) and the linear address (type 4) leave the segment's base.
+    {"OtherTypesKeepTheBase", Seg100 + ":0400000300003800C1\r\n:020000040001F9\r\n"
+     ":04000005000000CD2A\r\n" + A, Zeros(0x1000) + "55", ""},
     // Only a segment record of exactly two data bytes sets the base; any other resets it.
     {"SegmentThreeDataBytes", Seg100 + ":02000002010000FB\r\n" + A, "55", ""},
     {"SegmentOneDataByte", Seg100 + ":0200000201FB\r\n" + A, "55", ""},

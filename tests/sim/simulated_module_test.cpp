@@ -107,49 +107,6 @@ TEST(SimulatedModuleTest, CommandsGetTheirAnswers) {
        {C({kCcbAnswer, kCcbCheck, 0, 0, 0xF8, 0xC9})});
 }
 
-TEST(SimulatedModuleTest, FlashWritesDelayOnlyTheirOwnAnswers) {
-  const std::string part(128, 'q'), filled = D({'R', 'F', 1});
-  const ModuleSettings slow{.PageSize = 128, .FlashWriteMicros = 4'000};
-  // The second request is heard at 1.2 s; its answer leaves after the turnaround of 10 ms.
-  constexpr int64_t kSecond = 1'200'000 + 10'000;
-  Play("page write", slow, {D({'F', 0, 0}, part), D({'P', 0, 0, 0, 0})},
-       {filled, CrcAnswer('P', part)}, 128, kSecond + 4'000);
-  Play("encrypted page write", slow, {D({'F', 0, 0}, part), D({'D', 0, 0, 0, 0})},
-       {filled, CrcAnswer('D', part)}, 128, kSecond + 4'000);
-  Play("fill and erase", slow, {kErase, D({'F', 0, 0}, part)}, {kEraseOk, filled}, 0, kSecond);
-  ModuleSettings ccb = slow;
-  ccb.Protocol = kCcb;
-  Play("ccb block", ccb, {C({kCcbEnter}), C({kCcbBlock, 0, 0, 0, 0}, "ab")},
-       {C({kCcbAnswer, kCcbEnter}), C({kCcbAnswer, kCcbBlock})}, 2, kSecond + 4'000);
-  Play("ccb check", ccb, {C({kCcbEnter}), C({kCcbCheck, 0, 0, 0, 0})},
-       {C({kCcbAnswer, kCcbEnter}), C({kCcbAnswer, kCcbCheck, 0xFF, 0xFF})}, 0, kSecond);
-}
-
-TEST(SimulatedModuleTest, RecordKeepsEachAnswerAndWhenItLeft) {
-  SimulatedModule module({.TurnaroundMicros = 2'000,
-                          .Faults = {{LoseAnswer, 'E', 1}, {GarbageFirst, 'C', 1, 0, "?"}}});
-  std::vector<Emission> out;
-  module.Receive(kErase, 1'000, out);
-  module.Receive(kErase + D({'C', 0, 0, 0, 0}), 5'000, out);
-  struct Row {
-    uint8_t Command;
-    int64_t At;
-    std::string Answer;
-    int64_t AnswerAt;
-  };
-  const Row rows[] = {{'E', 1'000, "", 0},
-                      {'E', 5'000, kEraseOk, 7'000},
-                      {'C', 5'000, std::string("?").append(D({'R', 'C', 1, 0xFF, 0xFF})), 7'000}};
-  ASSERT_EQ(module.Commands().size(), std::size(rows));
-  for (size_t i = 0; i < std::size(rows); ++i) {
-    const ReceivedCommand& heard = module.Commands()[i];
-    EXPECT_EQ(heard.Command, rows[i].Command) << i;
-    EXPECT_EQ(heard.AtMicros, rows[i].At) << i;
-    EXPECT_EQ(heard.Answer, rows[i].Answer) << i;
-    EXPECT_EQ(heard.AnswerAtMicros, rows[i].AnswerAt) << i;
-  }
-}
-
 TEST(SimulatedModuleTest, FaultsDoWhatTheySay) {
   const std::string garbage = B({0xAA, 0, 0xAA}), part(128, 'q'), page = D({'P', 0, 0, 0, 0});
   std::string corrupt = kEraseOk, spoiled = part;

@@ -76,31 +76,5 @@ TEST(WireLineTest, AdapterHandsOnWhenItsTimerRunsOutOrAPacketIsFull) {
   }
 }
 
-TEST(WireLineTest, AdapterForgetsEverythingOnClear) {
-  ToToolWire wire({57600, 16'000, 62});
-  wire.Send(0, "abc");
-  wire.Clear();
-  EXPECT_TRUE(wire.Empty());
-  EXPECT_EQ(wire.NextHandover(), std::numeric_limits<int64_t>::max());
-}
-
-TEST(WireLineTest, RequestsArriveWhenTheirLastByteIsThrough) {
-  struct Row {
-    const char* Name;
-    int64_t WrittenMicros;
-    size_t Count;
-    int64_t Arrival;
-  };
-  // One line, one sequence: each row's write follows the row before.
-  const Row rows[] = {
-      {"frame of 135 bytes", 0, 135, 23'437},
-      {"written while the line is busy", 1'000, 1, 23'437 + 173},
-      {"written on a free line", 50'000, 5, 50'868},
-      {"nothing written", 60'000, 0, 60'000},
-  };
-  ToModuleWire wire(57600);
-  for (const Row& r : rows) EXPECT_EQ(wire.Carry(r.WrittenMicros, r.Count), r.Arrival) << r.Name;
-}
-
 }  // namespace
 }  // namespace palimbo::sim

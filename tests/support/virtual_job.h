@@ -58,8 +58,11 @@ class RecordingProgress final : public ProgressDisplay {
     bool operator==(const Call&) const = default;
   };
   std::vector<Call> Calls;
+  std::vector<int64_t> Ticks;  ///< the tick of each call
+  const sim::VirtualClock* Clock = nullptr;
   void SetProgress(int32_t Val, int32_t Max, uint32_t Color, const std::string& Text) override {
     Calls.push_back({Val, Max, Color, Text});
+    Ticks.push_back(Clock != nullptr ? Clock->NowMicros() / 1000 : 0);
   }
 };
 
@@ -90,7 +93,7 @@ class ScriptedQuestion final : public OperatorQuestion {
 
 /// Everything a job needs, on virtual time, wired to one module.
 struct VirtualJob {
-  explicit VirtualJob(sim::ModulePeer& Module) : Line(Clock, Module) {}
+  explicit VirtualJob(sim::ModulePeer& Module) : Line(Clock, Module) { Progress.Clock = &Clock; }
 
   sim::VirtualClock Clock;
   sim::SimLine Line;

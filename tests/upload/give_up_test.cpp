@@ -31,6 +31,12 @@ ModuleSettings Module(BootProtocol Protocol, std::vector<Fault> Faults = {}) {
   settings.Faults = std::move(Faults);
   return settings;
 }
+// A bootloader that ignores the CRC commands and answers no erase: the longest a healthy
+// module stays silent.
+ModuleSettings SlowModule() {
+  return Module(BootProtocol::Direct, {{FaultKind::LoseAnswer, 'C', sim::kEveryTime},
+                                       {FaultKind::LoseAnswer, 'E', sim::kEveryTime}});
+}
 ModuleSettings SilentModule(BootProtocol Protocol) {
   ModuleSettings settings = Module(Protocol);
   settings.Silent = true;
@@ -113,9 +119,13 @@ TEST_P(GiveUp, EndsTheJobSoonWithTheReason) {
     // The job idles on the lost port: a look every few milliseconds, not hundreds in one.
     EXPECT_LE(run.Job.Line.Looks() - looksAtCut, (end - cutAt) / 2 + 20);
   } else if (c.Outcome == UploadOutcome::GivenUp) {
-    const int64_t silence = end - run.Job.Ctx.LastAnswerTick;
-    EXPECT_GE(silence, c.NoAnswerSeconds * 1000);
-    EXPECT_LE(silence, c.NoAnswerSeconds * 1000 + c.MaxMsToEnd);
+    // A module that answers without taking the image is given twice the time.
+    const bool answers = c.Reason.find("no progress") != std::string::npos;
+    const int64_t since =
+        end - (answers ? run.Job.Ctx.LastProgressTick : run.Job.Ctx.LastAnswerTick);
+    const int64_t limit = (answers ? 2 : 1) * c.NoAnswerSeconds * 1000;
+    EXPECT_GE(since, limit);
+    EXPECT_LE(since, limit + c.MaxMsToEnd);
   }
 }
 
@@ -125,8 +135,6 @@ constexpr auto kCcb = BootProtocol::Ccb;
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
     // The line is cut: the next look notices, the next pump gives up.
-    GiveUpCase{"DirectCutInTheEntryPoll", SilentModule(kDirect), PollCycle(3), 60,
-               UploadOutcome::GivenUp, kLost, kCancelled, 1000},
     GiveUpCase{"DirectCutInThePagePass", Module(kDirect), Heard('F', 3), 60,
                UploadOutcome::GivenUp, kLost, kCancelled, 50},
     // The final check has no cancel exit: it fails, and the reboot runs out on the dead port.
@@ -147,8 +155,6 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
                "UPLOAD SUCCESSFULLY COMPLETED.", 1500},
     // The module falls silent: the time counts from its last positive answer, or from the
     // port's opening when none came.
-    GiveUpCase{"DirectSilentInTheEntryPoll", SilentModule(kDirect), nullptr, 5,
-               UploadOutcome::GivenUp, kSilent5, kCancelled, 500},
     GiveUpCase{"DirectSilentInThePagePass", Module(kDirect, LoseAll('F')), nullptr, 5,
                UploadOutcome::GivenUp, kSilent5, kCancelled, 50},
     GiveUpCase{"DirectSilentInTheFinalCheck", Module(kDirect, LoseFrom('C', 2)), nullptr, 5,
@@ -160,12 +166,21 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
                UploadOutcome::GivenUp, kSilent5, "Transfer failed.", 50},
     GiveUpCase{"CcbSilentInTheFinalCheck", Module(kCcb, LoseAll(CCBCheck)), nullptr, 5,
                UploadOutcome::GivenUp, kSilent5, kCancelled, 50},
-    // The endless repeats of a part ("TOO MANY TRIES") end after a minute of silence.
-    GiveUpCase{"DirectEndlessRepeats", Module(kDirect, LoseAll('F')), nullptr, 60,
-               UploadOutcome::GivenUp, kSilent60, kCancelled, 50},
     // Entry without an answer and the operator's Yes: the silence counts from the Yes.
     GiveUpCase{"SilentModuleAfterYes", SilentModule(kDirect), nullptr, 60,
                UploadOutcome::GivenUp, kSilent60, kCancelled, 50, /*AnswerYes=*/true},
+    // A page the module never takes: it answers every time, but gets no further.
+    GiveUpCase{"DirectPageNeverTaken", Module(kDirect, {{FaultKind::BadWrite, 'P', 0}}), nullptr,
+               5, UploadOutcome::GivenUp,
+               "given up: no progress for 10 s: the module answers, but takes no further part of "
+               "the image", kCancelled, 300},
+    // The shortest give-up the command line takes lets the slowest healthy module through.
+    GiveUpCase{"SlowModuleLetThrough", SlowModule(), nullptr, kLongestHealthySilenceSeconds,
+               UploadOutcome::Unverified, "written; the bootloader cannot report the checksum",
+               "Unable to retrieve checksum (not supported by bootloader)", 0},
+    GiveUpCase{"SlowModuleGivenUpASecondSooner", SlowModule(), nullptr,
+               kLongestHealthySilenceSeconds - 1, UploadOutcome::GivenUp,
+               "given up: no answer from the module for 35 s", kCancelled, 50},
     // Without a give-up the operator's question ends a silent entry, as it always did.
     GiveUpCase{"SilentEntryAskedFirst", SilentModule(kDirect), nullptr, 60,
                UploadOutcome::NoBootloader, "no answer from the bootloader",
@@ -199,22 +214,6 @@ TEST(GiveUpWatchAlone, LooksOnlyAtAJobWithItsPortOpenAndNeverForSilenceAtZero) {
   EXPECT_FALSE(soon.Check(job.Ctx));
   EXPECT_EQ(job.Ctx.GiveUpReason, "no answer from the module for 1 s");
   EXPECT_FALSE(never.Check(job.Ctx));
-}
-
-TEST(GiveUpWatchAlone, ZeroSecondsNeverGivesUpOnSilence) {
-  SimulatedModule module(Module(kDirect, LoseAll('F')));
-  UploadRun run(module);
-  GiveUpWatch watch("SIM", 0);
-  int gaveUp = 0;
-  run.Job.Pump.OnPump = [&] {
-    gaveUp += watch.Check(run.Job.Ctx);
-    // The operator ends it after ten minutes of "TOO MANY TRIES".
-    if (run.Job.NowMs() > 600'000) run.Job.Ctx.Cancel = true;
-  };
-  const UploadResult result = run.Run(TestImage(300));
-  EXPECT_EQ(gaveUp, 0);
-  EXPECT_EQ(result.Outcome, UploadOutcome::Cancelled);
-  EXPECT_EQ(result.Reason, "cancelled");
 }
 
 // A module that goes away while the line settles, before any pump: the settling second idles
