@@ -12,8 +12,12 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/platform.h"
+#include "cli/station.h"
+#include "cli/upload_record.h"
+#include "frames/crc16.h"
 #include "image/hex_file.h"
 #include "serial/clock.h"
+#include "serial/comm.h"
 #include "serial/trace_backend.h"
 #include "upload/job_context.h"
 
@@ -43,6 +47,7 @@ class ModuleJob final : public JobLog,
     ModuleResult result;
     result.Port = request_.Ports[index_];
     result.Bytes = Bytes;
+    result.Started = std::time(nullptr);
     const auto started = std::chrono::steady_clock::now();
 
     SteadyClock clock;
@@ -65,7 +70,9 @@ class ModuleJob final : public JobLog,
 
     JobContext ctx(*this, *this, *this, *this, clock, *port);
     ctx.IdleWaitMicros = request_.IdleWait ? kUnattendedIdleWaitMicros : 0;
+    ctx.AwaitModule = request_.Station;
     ctx_ = &ctx;
+    protocol_.clear();
     result.Result = StartUpload(ctx, request_.File, result.Port);
     ctx_ = nullptr;
     result.Protocol = protocol_;
@@ -91,6 +98,10 @@ class ModuleJob final : public JobLog,
       cancel_sent_ = true;
       ctx_->Cancel = true;
       display_.Note(index_, "cancelling (Ctrl-C again quits at once)");
+    }
+    // A station waiting for its next module hears nothing and gets no further, as it should.
+    if (request_.Station && ctx_->Protocol.empty() && IsPortOpen(ctx_->PortHandle)) {
+      ctx_->LastAnswerTick = ctx_->LastProgressTick = ctx_->GetTickCount();
     }
     if (watch_.Check(*ctx_)) display_.Note(index_, ctx_->GiveUpReason);
   }
@@ -173,6 +184,16 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   const DisplayMode mode = Request.Json                ? DisplayMode::Json
                            : Request.Ports.size() == 1 ? DisplayMode::Single
                                                        : DisplayMode::Table;
+  std::unique_ptr<UploadRecord> record;
+  if (!Request.RecordFile.empty()) {
+    std::string error;
+    record = UploadRecord::Open(Request.RecordFile, Request.File, image.FirmwareString.size(),
+                                Crc16Of(image.FirmwareString), error);
+    if (!record) {
+      std::cerr << "palimbo-cli: " << error << std::endl;
+      return {kExitUsage, {}};
+    }
+  }
   UploadDisplay display(mode, Request.Ports);
   InterruptWatch interrupts;
   std::vector<std::unique_ptr<SerialBackend>> ports;
@@ -187,10 +208,20 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::mutex doneLock;
   std::condition_variable doneSignal;
   size_t done = 0;
+  StationTally tally(Request.StationCount);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < jobs.size(); ++i) {
     threads.emplace_back([&, i] {
-      report.Modules[i] = jobs[i]->Run(*ports[i], image.FirmwareString.size());
+      const auto runOne = [&] { return jobs[i]->Run(*ports[i], image.FirmwareString.size()); };
+      if (Request.Station) {
+        RunStationPort(
+            i, runOne, [&] { return interrupts.Requested(); }, tally, display, record.get(),
+            Request.Json);
+      } else {
+        report.Modules[i] = runOne();
+        std::string error;
+        if (record && !record->Append(report.Modules[i], 0, error)) display.Note(i, error);
+      }
       const std::lock_guard guard(doneLock);
       ++done;
       doneSignal.notify_one();
@@ -206,6 +237,14 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   }
   for (auto& thread : threads) thread.join();
 
+  if (Request.Station) {
+    // The JSON results went out module by module; the table sums up every module.
+    report.Modules = tally.Results();
+    display.Finish(Request.Json ? std::vector<ModuleResult>{} : report.Modules);
+    display.Log(0, tally.Summary());
+    report.ExitStatus = tally.ExitStatus();
+    return report;
+  }
   display.Finish(report.Modules);
   if (!Request.Json) {
     for (size_t i = 0; i < report.Modules.size(); ++i) ExplainEnd(report.Modules[i], display, i);
