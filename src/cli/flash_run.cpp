@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -76,8 +77,12 @@ class ModuleJob final : public JobLog,
     result.Result = StartUpload(ctx, request_.File, result.Port);
     ctx_ = nullptr;
     result.Protocol = protocol_;
-    result.Seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    // At a station the wait for the next module is the operator's time, not the module's.
+    const bool fromAnswer = request_.Station && !protocol_.empty();
+    result.Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() -
+                                                   (fromAnswer ? answered_ : started))
+                         .count();
+    if (fromAnswer) result.Started = answered_time_;
     result.ExitStatus = ExitStatusOf(result.Result.Outcome);
     return result;
   }
@@ -92,6 +97,8 @@ class ModuleJob final : public JobLog,
     if (ctx_ == nullptr) return;
     if (protocol_.empty() && !ctx_->Protocol.empty()) {
       protocol_ = ctx_->Protocol;
+      answered_ = std::chrono::steady_clock::now();
+      answered_time_ = std::time(nullptr);
       display_.SetProtocol(index_, protocol_);
     }
     if (interrupts_.Requested() && !cancel_sent_) {
@@ -119,6 +126,8 @@ class ModuleJob final : public JobLog,
   JobContext* ctx_ = nullptr;
   bool cancel_sent_ = false;
   std::string protocol_;
+  std::chrono::steady_clock::time_point answered_;  // when the bootloader answered the entry
+  std::time_t answered_time_ = 0;
 };
 
 // What an operator can do about a port this user may not open, where the system tells.

@@ -54,7 +54,7 @@ SOCKET ConnectOne(const addrinfo& Address, int32_t TimeoutMs, std::string& Error
       FD_ZERO(&failed);
       FD_SET(s, &writable);
       FD_SET(s, &failed);
-      const timeval limit = TimevalOf(TimeoutMs * 1000);
+      timeval limit = TimevalOf(TimeoutMs * 1000);
       const int ready = ::select(0, nullptr, &writable, &failed, &limit);
       int length = sizeof err;
       if (ready <= 0) {
@@ -162,7 +162,7 @@ void NetSocket::Wait(bool ForWrite, int32_t MaxMicros) {
   fd_set ready;
   FD_ZERO(&ready);
   FD_SET(static_cast<SOCKET>(handle_), &ready);
-  const timeval limit = TimevalOf(MaxMicros);
+  timeval limit = TimevalOf(MaxMicros);
   ::select(0, ForWrite ? nullptr : &ready, ForWrite ? &ready : nullptr, nullptr, &limit);
 }
 

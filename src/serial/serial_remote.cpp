@@ -21,6 +21,8 @@ using SteadyTime = std::chrono::steady_clock;
 constexpr int32_t kConnectTimeoutMs = 5000;
 // How long the server has to confirm each line setting at open.
 constexpr auto kSettingsTimeout = std::chrono::milliseconds(3000);
+// Bytes taken from the connection at one look at most.
+constexpr size_t kMaxPumpBytes = 65536;
 // A connection that takes no data for this long is dead for the write that waits on it.
 constexpr auto kWriteTimeout = std::chrono::milliseconds(2000);
 
@@ -248,7 +250,8 @@ void RemoteSerialBackend::Pump(Connection& C) {
   if (!C.ClosedWhy.empty()) return;
   char chunk[4096];
   std::string replies;
-  for (;;) {
+  // A server that never stops sending still lets the caller return to its loop.
+  for (size_t taken = 0; taken < kMaxPumpBytes; taken += sizeof chunk) {
     std::string error;
     const int64_t n = C.Socket.Receive(chunk, sizeof chunk, error);
     if (n < 0) {
