@@ -14,8 +14,10 @@ const char* const kUsage =
     "Usage: palimbo-cli flash [--port NAME]... [--all] [OPTIONS] FILE\n"
     "Writes the Intel HEX file FILE into the module behind the serial port, the same job as\n"
     "the window's START. With several ports every module is written at once.\n\n"
-    "  --port NAME        serial port (/dev/ttyUSB0, COM5); give it again for more modules;\n"
-    "                     without it the controller's USB adapter is looked for\n"
+    "  --port NAME        serial port (/dev/ttyUSB0, COM5, rfc2217://HOST:PORT for a network\n"
+    "                     serial server, socket://HOST:PORT for a raw TCP one); give it again\n"
+    "                     for more modules; without it the controller's USB adapter is\n"
+    "                     looked for\n"
     "  --all              every controller adapter the scan accepts\n"
     "  --yes              go on when the bootloader does not answer (else asked on a terminal\n"
     "                     with one module, else No)\n"
@@ -24,6 +26,12 @@ const char* const kUsage =
     "  --json             JSON Lines on stdout: log lines, progress steps, one result a module\n"
     "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
     "                     (FILE.1, FILE.2, ... with several modules)\n"
+    "  --record FILE      append one JSON line per upload to FILE: time, host, version, port,\n"
+    "                     file with its length and CRC, protocol, outcome, reason, seconds\n"
+    "  --station          production station: after each module wait for the next one on the\n"
+    "                     same port and flash it, until Ctrl-C; a line and a running count\n"
+    "                     per module; exit status 0 only when every module was verified\n"
+    "  --count N          with --station, stop after N modules\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
     "The log goes to stdout, with several modules each line after its port; the progress bar\n"
     "or table goes to stderr on a terminal, and a summary table ends a run of several modules.\n"
@@ -45,6 +53,9 @@ int RunFlash(const std::vector<std::string>& Args) {
   app.add_flag("--json", request.Json);
   app.add_option("--trace", request.TraceFile);
   app.add_flag("--spin", spin);
+  app.add_option("--record", request.RecordFile);
+  auto* station = app.add_flag("--station", request.Station);
+  app.add_option("--count", request.StationCount)->check(CLI::Range(1, 1000000))->needs(station);
   app.add_option("FILE", request.File)->required();
   if (ParseCommand(app, Args)) {
     std::cout << kUsage;

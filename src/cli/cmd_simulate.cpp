@@ -45,6 +45,8 @@ constexpr const char* kUsage =
     "  --latency-ms N         the adapter's latency timer with --wire (default 16; 1 is the\n"
     "                         low-latency mode, 0 hands on each byte as it arrives)\n"
     "  --pace                 the same as --wire --latency-ms 0\n"
+    "  --replace-after-ms N   N ms after each reboot a fresh module in its bootloader takes the\n"
+    "                         module's place on the line, as at a production station\n"
     "  --dump FILE            write the flash, up to the highest written byte, on exit\n"
     "                         (FILE.1, FILE.2, ... with several modules)\n"
     "  --help                 show this help\n";
@@ -150,6 +152,8 @@ int RunSimulate(const std::vector<std::string>& Args) {
       ->needs(wire)
       ->excludes(pace);
   app.add_option("--dump", o.Dump);
+  int64_t replaceMs = -1;
+  app.add_option("--replace-after-ms", replaceMs)->check(CLI::Range(0, 3600000));
   if (ParseCommand(app, Args)) {
     std::cout << kUsage;
     return kExitOk;
@@ -158,6 +162,7 @@ int RunSimulate(const std::vector<std::string>& Args) {
   s.AnswerReboot = !noRebootAnswer;
   s.TurnaroundMicros = turnaroundMs * 1000;
   s.FlashWriteMicros = flashMs * 1000;
+  s.ReplaceAfterRebootMicros = replaceMs >= 0 ? replaceMs * 1000 : -1;
   std::optional<sim::WireSettings> line;
   if (o.Wire || o.Pace) {
     line.emplace();
@@ -199,6 +204,9 @@ int RunSimulate(const std::vector<std::string>& Args) {
         "simulate: " + (modules.size() > 1 ? hosts[i]->SlavePath() + ": " : std::string());
     std::cerr << prefix << module.PollCount() << " polls, " << module.Commands().size()
               << " commands heard\n";
+    if (module.ReplacedCount() > 0) {
+      std::cerr << prefix << module.ReplacedCount() << " modules took a rebooted one's place\n";
+    }
     if (line) PrintIdealTime(prefix, module, *line, hosts[i]->Stats());
     if (o.Dump.empty()) continue;
     const std::string path = modules.size() == 1 ? o.Dump : o.Dump + "." + std::to_string(i + 1);

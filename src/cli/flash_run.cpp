@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -12,8 +13,12 @@
 #include "cli/commands.h"
 #include "cli/json_line.h"
 #include "cli/platform.h"
+#include "cli/station.h"
+#include "cli/upload_record.h"
+#include "frames/crc16.h"
 #include "image/hex_file.h"
 #include "serial/clock.h"
+#include "serial/comm.h"
 #include "serial/trace_backend.h"
 #include "upload/job_context.h"
 
@@ -43,6 +48,7 @@ class ModuleJob final : public JobLog,
     ModuleResult result;
     result.Port = request_.Ports[index_];
     result.Bytes = Bytes;
+    result.Started = std::time(nullptr);
     const auto started = std::chrono::steady_clock::now();
 
     SteadyClock clock;
@@ -65,12 +71,18 @@ class ModuleJob final : public JobLog,
 
     JobContext ctx(*this, *this, *this, *this, clock, *port);
     ctx.IdleWaitMicros = request_.IdleWait ? kUnattendedIdleWaitMicros : 0;
+    ctx.AwaitModule = request_.Station;
     ctx_ = &ctx;
+    protocol_.clear();
     result.Result = StartUpload(ctx, request_.File, result.Port);
     ctx_ = nullptr;
     result.Protocol = protocol_;
-    result.Seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    // At a station the wait for the next module is the operator's time, not the module's.
+    const bool fromAnswer = request_.Station && !protocol_.empty();
+    result.Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() -
+                                                   (fromAnswer ? answered_ : started))
+                         .count();
+    if (fromAnswer) result.Started = answered_time_;
     result.ExitStatus = ExitStatusOf(result.Result.Outcome);
     return result;
   }
@@ -85,12 +97,18 @@ class ModuleJob final : public JobLog,
     if (ctx_ == nullptr) return;
     if (protocol_.empty() && !ctx_->Protocol.empty()) {
       protocol_ = ctx_->Protocol;
+      answered_ = std::chrono::steady_clock::now();
+      answered_time_ = std::time(nullptr);
       display_.SetProtocol(index_, protocol_);
     }
     if (interrupts_.Requested() && !cancel_sent_) {
       cancel_sent_ = true;
       ctx_->Cancel = true;
       display_.Note(index_, "cancelling (Ctrl-C again quits at once)");
+    }
+    // A station waiting for its next module hears nothing and gets no further, as it should.
+    if (request_.Station && ctx_->Protocol.empty() && IsPortOpen(ctx_->PortHandle)) {
+      ctx_->LastAnswerTick = ctx_->LastProgressTick = ctx_->GetTickCount();
     }
     if (watch_.Check(*ctx_)) display_.Note(index_, ctx_->GiveUpReason);
   }
@@ -108,6 +126,8 @@ class ModuleJob final : public JobLog,
   JobContext* ctx_ = nullptr;
   bool cancel_sent_ = false;
   std::string protocol_;
+  std::chrono::steady_clock::time_point answered_;  // when the bootloader answered the entry
+  std::time_t answered_time_ = 0;
 };
 
 // What an operator can do about a port this user may not open, where the system tells.
@@ -173,6 +193,16 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   const DisplayMode mode = Request.Json                ? DisplayMode::Json
                            : Request.Ports.size() == 1 ? DisplayMode::Single
                                                        : DisplayMode::Table;
+  std::unique_ptr<UploadRecord> record;
+  if (!Request.RecordFile.empty()) {
+    std::string error;
+    record = UploadRecord::Open(Request.RecordFile, Request.File, image.FirmwareString.size(),
+                                Crc16Of(image.FirmwareString), error);
+    if (!record) {
+      std::cerr << "palimbo-cli: " << error << std::endl;
+      return {kExitUsage, {}};
+    }
+  }
   UploadDisplay display(mode, Request.Ports);
   InterruptWatch interrupts;
   std::vector<std::unique_ptr<SerialBackend>> ports;
@@ -187,10 +217,20 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::mutex doneLock;
   std::condition_variable doneSignal;
   size_t done = 0;
+  StationTally tally(Request.StationCount);
   std::vector<std::thread> threads;
   for (size_t i = 0; i < jobs.size(); ++i) {
     threads.emplace_back([&, i] {
-      report.Modules[i] = jobs[i]->Run(*ports[i], image.FirmwareString.size());
+      const auto runOne = [&] { return jobs[i]->Run(*ports[i], image.FirmwareString.size()); };
+      if (Request.Station) {
+        RunStationPort(
+            i, runOne, [&] { return interrupts.Requested(); }, tally, display, record.get(),
+            Request.Json);
+      } else {
+        report.Modules[i] = runOne();
+        std::string error;
+        if (record && !record->Append(report.Modules[i], 0, error)) display.Note(i, error);
+      }
       const std::lock_guard guard(doneLock);
       ++done;
       doneSignal.notify_one();
@@ -206,6 +246,14 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   }
   for (auto& thread : threads) thread.join();
 
+  if (Request.Station) {
+    // The JSON results went out module by module; the table sums up every module.
+    report.Modules = tally.Results();
+    display.Finish(Request.Json ? std::vector<ModuleResult>{} : report.Modules);
+    display.Log(0, tally.Summary());
+    report.ExitStatus = tally.ExitStatus();
+    return report;
+  }
   display.Finish(report.Modules);
   if (!Request.Json) {
     for (size_t i = 0; i < report.Modules.size(); ++i) ExplainEnd(report.Modules[i], display, i);

@@ -20,6 +20,9 @@ struct FlashRequest {
   bool IdleWait = true;   ///< wait on the port in empty receive passes instead of spinning
   bool Json = false;      ///< JSON Lines on stdout instead of the log and the bar
   int32_t GiveUpAfterSeconds = kDefaultNoAnswerSeconds;  ///< 0 never gives up on silence
+  std::string RecordFile;    ///< appends one JSON line per upload when set
+  bool Station = false;      ///< module after module on each port, until Ctrl-C or the count
+  int32_t StationCount = 0;  ///< modules a station takes in all; 0 for no limit
 };
 
 /// Makes the serial ports of one module's job; each job gets its own.

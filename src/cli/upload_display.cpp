@@ -17,6 +17,8 @@ using SteadyTime = std::chrono::steady_clock;
 constexpr auto kJsonProgressInterval = std::chrono::milliseconds(250);
 constexpr int kBarWidth = 30;
 
+}  // namespace
+
 const char* OutcomeName(UploadOutcome Outcome) {
   switch (Outcome) {
     case UploadOutcome::Verified:
@@ -38,8 +40,6 @@ const char* OutcomeName(UploadOutcome Outcome) {
   }
   return "failed";
 }
-
-}  // namespace
 
 UploadDisplay::UploadDisplay(DisplayMode Mode, std::vector<std::string> Ports)
     : mode_(Mode), terminal_(Mode != DisplayMode::Json && IsTerminal(StdStream::Err)) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,9 +17,13 @@ struct ModuleResult {
   std::string Protocol;  ///< "direct" or "ccb" once the entry answer told; empty before
   size_t Bytes = 0;      ///< length of the image
   double Seconds = 0;
+  std::time_t Started = 0;  ///< when the job began, by the calendar
   UploadResult Result{UploadOutcome::Failed, ""};
   int ExitStatus = 1;
 };
+
+/// The outcome as the summary, the JSON results and the record name it, e.g. "given up".
+const char* OutcomeName(UploadOutcome Outcome);
 
 /// How the operator sees the uploads.
 enum class DisplayMode {

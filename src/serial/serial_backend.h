@@ -45,7 +45,11 @@ class SerialBackend {
   virtual void WaitForInput(int32_t Handle, int32_t MaxMicros) = 0;
 };
 
-/// The serial ports of the machine the program runs on (termios or Win32, chosen at build time).
+/// The serial ports of the machine the program runs on (termios or Win32, chosen at build time),
+/// and the ports of network serial servers, named by URL.
 std::unique_ptr<SerialBackend> MakeSystemSerialBackend();
+
+/// The machine's own serial ports only.
+std::unique_ptr<SerialBackend> MakeLocalSerialBackend();
 
 }  // namespace palimbo

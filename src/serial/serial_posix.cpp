@@ -367,7 +367,7 @@ void PosixSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
 
 }  // namespace
 
-std::unique_ptr<SerialBackend> MakeSystemSerialBackend() {
+std::unique_ptr<SerialBackend> MakeLocalSerialBackend() {
   return std::make_unique<PosixSerialBackend>();
 }
 

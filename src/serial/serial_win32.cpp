@@ -203,7 +203,7 @@ void Win32SerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
 
 }  // namespace
 
-std::unique_ptr<SerialBackend> MakeSystemSerialBackend() {
+std::unique_ptr<SerialBackend> MakeLocalSerialBackend() {
   return std::make_unique<Win32SerialBackend>();
 }
 

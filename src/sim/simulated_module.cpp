@@ -63,6 +63,14 @@ std::string SimulatedModule::EncodeFrame(uint8_t Start, std::string_view Payload
 void SimulatedModule::Receive(std::string_view Bytes, int64_t NowMicros,
                               std::vector<Emission>& Out) {
   if (Bytes.empty()) return;
+  if (replace_at_us_ >= 0) {
+    if (NowMicros < replace_at_us_) return;
+    flash_.assign(settings_.FlashSize, '\xFF');
+    flash_used_ = 0;
+    rx_.clear();
+    replace_at_us_ = -1;
+    ++replaced_;
+  }
   // A frame cut short by a long silence will never complete; the next request starts afresh.
   if (!rx_.empty() && NowMicros - last_rx_us_ > settings_.FrameTimeoutMicros) rx_.clear();
   last_rx_us_ = NowMicros;
@@ -208,7 +216,12 @@ void SimulatedModule::OnFrame(std::string_view Payload, int64_t NowMicros,
     }
   }
   for (const Emission& noise : fault.Noise) Emit(noiseFrom + noise.AtMicros, noise.Bytes, Out);
-  if (command == (direct ? kCmdReboot : kCcbReboot)) BackToEntry();
+  if (command == (direct ? kCmdReboot : kCcbReboot)) {
+    BackToEntry();
+    if (settings_.ReplaceAfterRebootMicros >= 0) {
+      replace_at_us_ = NowMicros + settings_.ReplaceAfterRebootMicros;
+    }
+  }
 }
 
 SimulatedModule::Answer SimulatedModule::HandleDirect(uint8_t Command, std::string_view Data,

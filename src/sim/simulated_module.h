@@ -91,6 +91,11 @@ struct ModuleSettings {
   int RefusePage = -1;       ///< "P"/"D" at address k × PageSize is never answered, nor written
   int CheckBytes = 2;        ///< number bytes in the answer to CCBCheck: 2 or 4
 
+  /// This long after each reboot the module is taken off the line and a fresh one, blank and in
+  /// its bootloader, takes its place, as at a production station; until then the rebooted
+  /// module runs its firmware and hears nothing. -1 keeps the same module.
+  int64_t ReplaceAfterRebootMicros = -1;
+
   /// Silence of the line after which a half-received frame is given up.
   int64_t FrameTimeoutMicros = 100'000;
 
@@ -134,6 +139,8 @@ class SimulatedModule final : public ModulePeer {
   int PollCount() const { return polls_; }
   /// Times the module went back to the entry handshake after a reboot command.
   int RebootCount() const { return reboots_; }
+  /// Modules that took the place of a rebooted one.
+  int ReplacedCount() const { return replaced_; }
   /// Power off and on with the switch held: back at the entry handshake, the flash kept, and
   /// whatever it was hearing or held in its page buffer gone.
   void Restart();
@@ -186,6 +193,8 @@ class SimulatedModule final : public ModulePeer {
   bool stray_sent_ = false;
   int frames_ = 0;
   int reboots_ = 0;
+  int64_t replace_at_us_ = -1;  // when the next module takes this one's place; -1 for never
+  int replaced_ = 0;
   std::array<int, 256> counts_{};
   std::vector<ReceivedCommand> commands_;
 };

@@ -79,7 +79,10 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
     }
     Ctx.PumpEvents();
     Ctx.SetProgress(EntryCycles, kEntryCycles, kColorBlue, "Entering bootloader mode..");
-    if (++EntryCycles >= kEntryCycles) break;
+    if (++EntryCycles >= kEntryCycles) {
+      if (!Ctx.AwaitModule) break;
+      EntryCycles = 0;
+    }
   }
   if (!Ctx.AskYesNo(kNoResponseTitle, kNoResponseText)) {
     Ctx.Log("Failed to enter bootloader mode - ABORTING..");

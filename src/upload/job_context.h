@@ -55,6 +55,9 @@ class JobContext {
   bool QUnload = false;
   bool IsEncrypted = false;
   int32_t PortHandle = -1;
+  /// The entry poll starts over where it would ask whether to go on without an answer, until a
+  /// bootloader answers or the job is cancelled: a station waits so for its next module.
+  bool AwaitModule = false;
   /// Wait on the port per empty receive pass; 0 makes every wait a pure spin.
   int32_t IdleWaitMicros = kIdleWaitMicros;
   /// Tick of the module's last positive answer: an exchange's, or "O" or "X" in the entry

@@ -60,6 +60,7 @@ struct PollCase {
   int PollCycles;  // cycles that found no answer, each with its blue bar
   std::string ExtraLine = "";
   bool LeftoverCancel = false;
+  bool AwaitModule = false;  // a station's job, which never asks
 };
 
 void PrintTo(const PollCase& C, std::ostream* Out) {
@@ -73,6 +74,7 @@ TEST_P(EntryPoll, EntersTheDirectBootloaderInTheRightCycle) {
   AnswerPolls(module, GetParam().Answers);
   VirtualJob job(module);
   job.Ctx.Cancel = GetParam().LeftoverCancel;
+  job.Ctx.AwaitModule = GetParam().AwaitModule;
   EXPECT_EQ(RunEntry(job).Outcome, UploadOutcome::Cancelled);
   const std::vector<std::string> start(job.Log.Lines.begin(), job.Log.Lines.begin() + 3);
   EXPECT_EQ(start, (std::vector<std::string>{"Firmware read from file. Length 17 Bytes.",
@@ -96,6 +98,7 @@ INSTANTIATE_TEST_SUITE_P(, EntryPoll, ::testing::Values(
     PollCase{"EchoNotFirstIsAStrayByte", {"zi" + O(0, 1, 0)}, 2},
     PollCase{"AnswerInThe26thCycle", Silent(25, O(0, 0, 128)), 25},
     PollCase{"LeftoverCancelIsCleared", {O(0, 1, 0)}, 0, "", true},
+    PollCase{"AStationPollsOnForItsModule", Silent(60, O(0, 1, 0)), 60, "", false, true},
     PollCase{"PageSizeZeroFallsBack", {O(0, 0, 0)}, 0, "Unsupported page size 0 - using 256."},
     PollCase{"PageSize32768FallsBack", {O(0, 128, 0)}, 0,
              "Unsupported page size 32768 - using 256."},

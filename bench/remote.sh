@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# The same upload into one simulated module three ways: straight on its pseudo-terminal, and
+# through Debian's ser2net on the loopback address by RFC 2217 and as a raw TCP stream. Wall
+# seconds of each (median of RUNS) and their ratio to the straight upload.
+# Usage: bench/remote.sh [PALIMBO_CLI] [HEX_FILE] [RUNS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+cli=${1:-build/src/cli/palimbo-cli}
+hex=${2:-examples/example.hex}
+runs=${3:-5}
+work=$(mktemp -d)
+trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
+
+"$cli" simulate >"$work/port" 2>/dev/null &
+for _ in $(seq 100); do [[ -s $work/port ]] && break; sleep 0.05; done
+pty=$(head -n 1 "$work/port")
+free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
+telnet=$(free_port) raw=$(free_port)
+cat >"$work/ser2net.yaml" <<YAML
+%YAML 1.1
+---
+connection: &telnet
+  accepter: telnet(rfc2217),tcp,127.0.0.1,$telnet
+  connector: serialdev,$pty,57600n81,local
+connection: &raw
+  accepter: tcp,127.0.0.1,$raw
+  connector: serialdev,$pty,57600n81,local
+YAML
+/usr/sbin/ser2net -n -d -c "$work/ser2net.yaml" -P "$work/ser2net.pid" >/dev/null 2>&1 &
+sleep 1
+
+median() { sort -n | sed -n "$(((runs + 1) / 2))p"; }
+seconds() {
+  for _ in $(seq "$runs"); do
+    /usr/bin/time -f "%e" -o "$work/time" "$cli" flash --port "$1" "$hex" >/dev/null 2>&1
+    cat "$work/time"
+  done | median
+}
+direct=$(seconds "$pty")
+printf '%-36s %8s %s\n' port "wall s" "against the pseudo-terminal"
+printf '%-36s %8s %s\n' "$pty" "$direct" 1
+for port in "rfc2217://127.0.0.1:$telnet" "socket://127.0.0.1:$raw"; do
+  s=$(seconds "$port")
+  printf '%-36s %8s %.3f\n' "$port" "$s" "$(awk "BEGIN { print $s / $direct }")"
+done
+echo "(medians of $runs runs of $hex)"

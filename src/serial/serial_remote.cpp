@@ -1,0 +1,415 @@
+#include "serial/serial_remote.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <limits>
+#include <tuple>
+#include <vector>
+
+#include "serial/line_settings.h"
+#include "serial/net_socket.h"
+#include "serial/telnet_codec.h"
+
+namespace palimbo {
+
+namespace {
+
+using SteadyTime = std::chrono::steady_clock;
+
+// A server that takes this long to accept the connection is not there.
+constexpr int32_t kConnectTimeoutMs = 5000;
+// How long the server has to confirm each line setting at open.
+constexpr auto kSettingsTimeout = std::chrono::milliseconds(3000);
+// Bytes taken from the connection at one look at most.
+constexpr size_t kMaxPumpBytes = 65536;
+// A connection that takes no data for this long is dead for the write that waits on it.
+constexpr auto kWriteTimeout = std::chrono::milliseconds(2000);
+
+bool StartsWithNoCase(std::string_view Text, std::string_view Prefix) {
+  return Text.size() >= Prefix.size() &&
+         std::equal(Prefix.begin(), Prefix.end(), Text.begin(), [](char A, char B) {
+           return std::tolower(static_cast<unsigned char>(A)) ==
+                  std::tolower(static_cast<unsigned char>(B));
+         });
+}
+
+// Where the host of "HOST:PORT..." ends: behind the bracket of an IPv6 address, else at the
+// first ":". npos when the text has no port part.
+size_t HostEnd(std::string_view Text) {
+  if (!Text.empty() && Text.front() == '[') {
+    const size_t close = Text.find(']');
+    if (close == std::string_view::npos || close + 1 >= Text.size() || Text[close + 1] != ':') {
+      return std::string_view::npos;
+    }
+    return close + 1;
+  }
+  return Text.find(':');
+}
+
+std::string EncodeBig(uint32_t Value, int Bytes) {
+  std::string out;
+  for (int i = Bytes - 1; i >= 0; --i) out += static_cast<char>((Value >> (8 * i)) & 0xFF);
+  return out;
+}
+
+uint32_t DecodeBig(const std::string& Bytes) {
+  uint32_t value = 0;
+  for (const char c : Bytes) value = (value << 8) | static_cast<uint8_t>(c);
+  return value;
+}
+
+uint8_t ParityCode(ParityKind Parity) {
+  switch (Parity) {
+    case ParityKind::None:
+      return 1;
+    case ParityKind::Odd:
+      return 2;
+    case ParityKind::Even:
+      return 3;
+    case ParityKind::Mark:
+      return 4;
+    case ParityKind::Space:
+      return 5;
+  }
+  return 1;
+}
+
+uint8_t StopCode(StopKind Stop) {
+  switch (Stop) {
+    case StopKind::One:
+      return 1;
+    case StopKind::Two:
+      return 2;
+    case StopKind::OneAndHalf:
+      return 3;
+  }
+  return 1;
+}
+
+// One line setting sent to the server, and what its confirmation must carry.
+struct SettingRequest {
+  uint8_t Command;
+  const char* Name;
+  uint32_t Value;
+  int Bytes;  // of the value on the wire
+  bool Confirmed = false;
+};
+
+std::vector<SettingRequest> SettingRequestsFor(const LineSettings& Wanted) {
+  std::vector<SettingRequest> requests;
+  if (Wanted.Baud) {
+    requests.push_back(
+        {comport::SET_BAUDRATE, "baud rate", static_cast<uint32_t>(*Wanted.Baud), 4});
+  }
+  if (Wanted.DataBits) {
+    requests.push_back(
+        {comport::SET_DATASIZE, "data bits", static_cast<uint32_t>(*Wanted.DataBits), 1});
+  }
+  if (Wanted.Parity) {
+    requests.push_back({comport::SET_PARITY, "parity code", ParityCode(*Wanted.Parity), 1});
+  }
+  if (Wanted.StopBits) {
+    requests.push_back({comport::SET_STOPSIZE, "stop bits code", StopCode(*Wanted.StopBits), 1});
+  }
+  return requests;
+}
+
+struct Connection {
+  int32_t Handle;
+  RemotePortUrl Url;
+  NetSocket Socket;
+  TelnetDecoder Decoder;
+  std::string Input;      // data bytes arrived and not yet read
+  std::string ClosedWhy;  // set once the stream has ended; reported when Input is empty
+};
+
+class RemoteSerialBackend final : public SerialBackend {
+ public:
+  int32_t Open(const std::string& PortName, const std::string& LineSettingsText) override;
+  std::string LastOpenError() const override { return last_error_; }
+  std::string LostReason() const override { return lost_reason_; }
+  int32_t BytesWaiting(int32_t Handle) override;
+  int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
+  int32_t Write(int32_t Handle, const std::string& Data) override;
+  void Close(int32_t Handle) override;
+  void RaiseDtr(int32_t Handle) override;
+  void WaitForInput(int32_t Handle, int32_t MaxMicros) override;
+
+ private:
+  Connection* Find(int32_t Handle) {
+    for (auto& c : open_) {
+      if (c->Handle == Handle) return c.get();
+    }
+    return nullptr;
+  }
+  bool IsLost(int32_t Handle) const {
+    return std::find(lost_.begin(), lost_.end(), Handle) != lost_.end();
+  }
+  int32_t FailOpen(std::string Reason) {
+    last_error_ = std::move(Reason);
+    return -1;
+  }
+  // Takes what has arrived and answers the server's questions; an ended stream leaves its
+  // reason in ClosedWhy.
+  void Pump(Connection& C);
+  // Sends everything or fails; the count of bytes the server took.
+  size_t SendAll(Connection& C, const std::string& Bytes, std::string& Error);
+  // Sends the line settings and the purge and waits for the server's word on each setting;
+  // empty when the server took them all, else why not.
+  std::string NegotiateSettings(Connection& C, const LineSettings& Wanted, const std::string& Text);
+  void Lose(int32_t Handle, std::string Reason);
+
+  std::vector<std::unique_ptr<Connection>> open_;
+  std::vector<int32_t> lost_;
+  int32_t next_handle_ = 0;
+  std::string last_error_;
+  std::string lost_reason_;
+};
+
+int32_t RemoteSerialBackend::Open(const std::string& PortName,
+                                  const std::string& LineSettingsText) {
+  lost_reason_.clear();
+  std::string name = PortName;
+  std::string settings = LineSettingsText;
+  if (auto split = SplitRemoteSetting(PortName, LineSettingsText)) {
+    std::tie(name, settings) = std::move(*split);
+  }
+  std::string error;
+  const auto url = ParseRemotePortUrl(name, error);
+  if (!url) return FailOpen(error);
+  const auto wanted = ParseLineSettings(settings);
+  if (!wanted) return FailOpen("bad line settings '" + settings + "'");
+
+  auto socket = NetSocket::Connect(url->Host, url->Port, kConnectTimeoutMs, error);
+  if (!socket) return FailOpen("cannot connect to " + url->Host + ":" + url->Port + ": " + error);
+  auto c = std::unique_ptr<Connection>(
+      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}});
+  if (c->Url.Telnet) {
+    error = NegotiateSettings(*c, *wanted, settings);
+    if (!error.empty()) return FailOpen(error);
+  }
+  // Whatever came before the port was ours belongs to nobody.
+  Pump(*c);
+  c->Input.clear();
+  if (!c->ClosedWhy.empty()) return FailOpen("the server closed the connection: " + c->ClosedWhy);
+  // Handle numbers are not reused, so a lost port's number never names a new one.
+  ++next_handle_;
+  open_.push_back(std::move(c));
+  return open_.back()->Handle;
+}
+
+std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSettings& Wanted,
+                                                   const std::string& Text) {
+  std::vector<SettingRequest> requests = SettingRequestsFor(Wanted);
+  std::string out = C.Decoder.Greeting();
+  for (const SettingRequest& r : requests) {
+    out += ComPortCommand(r.Command, EncodeBig(r.Value, r.Bytes));
+  }
+  out += ComPortCommand(comport::PURGE_DATA, std::string(1, comport::PURGE_BOTH));
+  std::string error;
+  if (SendAll(C, out, error) != out.size()) {
+    return "cannot send line settings: " + error;
+  }
+
+  const auto deadline = SteadyTime::now() + kSettingsTimeout;
+  for (;;) {
+    Pump(C);
+    for (const ComPortNotice& n : C.Decoder.Notices()) {
+      for (SettingRequest& r : requests) {
+        if (n.Command != r.Command + comport::SERVER_OFFSET) continue;
+        r.Confirmed = true;
+        // A server that cannot take a setting answers with the one it kept.
+        if (n.Value != EncodeBig(r.Value, r.Bytes)) {
+          return "the server refused line settings '" + Text + "': " + r.Name + " " +
+                 std::to_string(r.Value) + " not taken (it has " +
+                 std::to_string(DecodeBig(n.Value)) + ")";
+        }
+      }
+    }
+    C.Decoder.Notices().clear();
+    if (C.Decoder.ComPortRefused()) {
+      return "the server does not take line settings (no RFC 2217); use socket://";
+    }
+    if (std::all_of(requests.begin(), requests.end(),
+                    [](const SettingRequest& r) { return r.Confirmed; })) {
+      return {};
+    }
+    if (!C.ClosedWhy.empty()) return "the server closed the connection";
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - SteadyTime::now());
+    if (left.count() <= 0) {
+      return "the server did not confirm line settings '" + Text + "' within " +
+             std::to_string(kSettingsTimeout.count() / 1000) + " s";
+    }
+    C.Socket.Wait(false, static_cast<int32_t>(left.count()));
+  }
+}
+
+void RemoteSerialBackend::Pump(Connection& C) {
+  if (!C.ClosedWhy.empty()) return;
+  char chunk[4096];
+  std::string replies;
+  // A server that never stops sending still lets the caller return to its loop.
+  for (size_t taken = 0; taken < kMaxPumpBytes; taken += sizeof chunk) {
+    std::string error;
+    const int64_t n = C.Socket.Receive(chunk, sizeof chunk, error);
+    if (n < 0) {
+      C.ClosedWhy = error;
+      break;
+    }
+    if (n == 0) break;
+    const std::string_view got(chunk, static_cast<size_t>(n));
+    if (C.Url.Telnet) {
+      C.Decoder.Feed(got, C.Input, replies);
+    } else {
+      C.Input.append(got);
+    }
+  }
+  // The server's questions are answered at once; a failure shows at the next read.
+  std::string error;
+  if (!replies.empty()) SendAll(C, replies, error);
+  // After open nobody asks for the server's notices; only the open's wait looks at them.
+  if (C.Decoder.Notices().size() > 64) C.Decoder.Notices().clear();
+}
+
+size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, std::string& Error) {
+  const auto deadline = SteadyTime::now() + kWriteTimeout;
+  size_t done = 0;
+  while (done < Bytes.size()) {
+    const int64_t n = C.Socket.Send(Bytes.data() + done, Bytes.size() - done, Error);
+    if (n < 0) return done;
+    done += static_cast<size_t>(n);
+    if (done == Bytes.size()) break;
+    const auto left =
+        std::chrono::duration_cast<std::chrono::microseconds>(deadline - SteadyTime::now());
+    if (left.count() <= 0) {
+      Error = "the server took no data for " + std::to_string(kWriteTimeout.count() / 1000) + " s";
+      return done;
+    }
+    C.Socket.Wait(true, static_cast<int32_t>(std::min<int64_t>(left.count(), 100'000)));
+  }
+  return done;
+}
+
+void RemoteSerialBackend::Lose(int32_t Handle, std::string Reason) {
+  std::erase_if(open_, [&](const auto& c) { return c->Handle == Handle; });
+  lost_.push_back(Handle);
+  lost_reason_ = std::move(Reason);
+}
+
+int32_t RemoteSerialBackend::BytesWaiting(int32_t Handle) {
+  if (IsLost(Handle)) return -1;
+  Connection* c = Find(Handle);
+  if (c == nullptr) return 0;
+  Pump(*c);
+  // Bytes that came before the end are still delivered; the next look reports the loss.
+  if (!c->Input.empty()) {
+    return static_cast<int32_t>(
+        std::min<size_t>(c->Input.size(), std::numeric_limits<int32_t>::max()));
+  }
+  if (c->ClosedWhy.empty()) return 0;
+  Lose(Handle, c->ClosedWhy);
+  return -1;
+}
+
+int16_t RemoteSerialBackend::Read(int32_t Handle, int32_t Count, std::string& Buffer) {
+  Buffer.clear();
+  Connection* c = Find(Handle);
+  if (c == nullptr) return 0;
+  const size_t n = std::min(c->Input.size(), static_cast<size_t>(std::max(Count, 0)));
+  Buffer.assign(c->Input, 0, n);
+  c->Input.erase(0, n);
+  return 1;
+}
+
+int32_t RemoteSerialBackend::Write(int32_t Handle, const std::string& Data) {
+  Connection* c = Find(Handle);
+  if (c == nullptr) return 0;
+  const std::string wire = c->Url.Telnet ? TelnetEscape(Data) : Data;
+  std::string error;
+  const size_t sent = SendAll(*c, wire, error);
+  if (sent == wire.size()) return static_cast<int32_t>(Data.size());
+  lost_reason_ = error;
+  // Counts the data bytes that went out whole; a doubled 0xFF counts once both halves went.
+  size_t taken = 0;
+  for (size_t at = 0; taken < Data.size(); ++taken) {
+    at += static_cast<uint8_t>(Data[taken]) == telnet::IAC && c->Url.Telnet ? 2 : 1;
+    if (at > sent) break;
+  }
+  return static_cast<int32_t>(taken);
+}
+
+void RemoteSerialBackend::Close(int32_t Handle) {
+  if (std::erase(lost_, Handle) != 0) return;
+  std::erase_if(open_, [&](const auto& c) { return c->Handle == Handle; });
+}
+
+void RemoteSerialBackend::RaiseDtr(int32_t Handle) {
+  Connection* c = Find(Handle);
+  if (c == nullptr || !c->Url.Telnet) return;
+  // Not waited for: a server in front of a line without modem signals never confirms it.
+  std::string error;
+  SendAll(*c, ComPortCommand(comport::SET_CONTROL, std::string(1, comport::CONTROL_DTR_ON)), error);
+}
+
+void RemoteSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
+  Connection* c = Find(Handle);
+  if (c == nullptr || MaxMicros <= 0 || !c->Input.empty() || !c->ClosedWhy.empty()) return;
+  c->Socket.Wait(false, MaxMicros);
+}
+
+}  // namespace
+
+bool IsRemotePortName(std::string_view Name) {
+  return StartsWithNoCase(Name, "rfc2217:") || StartsWithNoCase(Name, "socket:");
+}
+
+std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::string& Error) {
+  RemotePortUrl url;
+  std::string_view rest;
+  if (StartsWithNoCase(Name, "rfc2217://")) {
+    url.Telnet = true;
+    rest = Name.substr(10);
+  } else if (StartsWithNoCase(Name, "socket://")) {
+    rest = Name.substr(9);
+  } else {
+    Error =
+        "'" + std::string(Name) + "' is no network port: rfc2217://HOST:PORT or socket://HOST:PORT";
+    return std::nullopt;
+  }
+  const size_t hostEnd = HostEnd(rest);
+  const std::string_view port = hostEnd == std::string_view::npos ? "" : rest.substr(hostEnd + 1);
+  std::string_view host = rest.substr(0, hostEnd);
+  if (host.size() >= 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
+  const bool portOk =
+      !port.empty() && port.size() <= 5 &&
+      std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
+      std::stoi(std::string(port)) >= 1 && std::stoi(std::string(port)) <= 65535;
+  if (host.empty() || !portOk) {
+    Error = "'" + std::string(Name) + "' wants a host and a TCP port from 1 to 65535, as in " +
+            (url.Telnet ? "rfc2217" : "socket") + "://192.168.1.20:3001";
+    return std::nullopt;
+  }
+  url.Host = host;
+  url.Port = port;
+  return url;
+}
+
+std::optional<std::pair<std::string, std::string>> SplitRemoteSetting(const std::string& PortName,
+                                                                      const std::string& Rest) {
+  if (!IsRemotePortName(PortName + ":") || Rest.rfind("//", 0) != 0) return std::nullopt;
+  const std::string_view address = std::string_view(Rest).substr(2);
+  const size_t hostEnd = HostEnd(address);
+  if (hostEnd == std::string_view::npos) return std::nullopt;
+  const size_t settingsColon = address.find(':', hostEnd + 1);
+  if (settingsColon == std::string_view::npos) return std::nullopt;
+  return std::pair{PortName + "://" + std::string(address.substr(0, settingsColon)),
+                   std::string(address.substr(settingsColon + 1))};
+}
+
+std::unique_ptr<SerialBackend> MakeRemoteSerialBackend() {
+  return std::make_unique<RemoteSerialBackend>();
+}
+
+}  // namespace palimbo

@@ -1,0 +1,173 @@
+// flash through a real network serial server: Debian's ser2net on the loopback address, in
+// front of the pseudo-terminals of simulate.
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/process.h"
+#include "support/temp_file.h"
+#include "support/upload_run.h"
+
+namespace palimbo {
+namespace {
+
+using testing::Process;
+using testing::WriteTempFile;
+
+std::string ReadAll(const std::string& Path) {
+  std::ifstream in(Path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// A TCP port of the loopback address that nobody uses at this moment.
+int FreePort() {
+  const int s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(s, reinterpret_cast<sockaddr*>(&address), length);
+  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+  close(s);
+  return ntohs(address.sin_port);
+}
+
+// Whether something listens on `Port`, by the kernel's table: a probing connection would make
+// the server open its device, and the next client could find it busy.
+bool Listens(int Port) {
+  char local[32];
+  std::snprintf(local, sizeof local, ":%04X ", Port);
+  std::ifstream table("/proc/net/tcp");
+  for (std::string line; std::getline(table, line);) {
+    if (line.find(local) != std::string::npos && line.find(" 0A ") != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// ser2net serving each device twice: by RFC 2217 and as a raw TCP stream.
+struct Ser2net {
+  explicit Ser2net(const std::vector<std::string>& Devices) {
+    std::string config = "%YAML 1.1\n---\n";
+    for (const std::string& device : Devices) {
+      for (const char* accepter : {"telnet(rfc2217),tcp", "tcp"}) {
+        Ports.push_back(FreePort());
+        config += "connection: &c" + std::to_string(Ports.back()) + "\n  accepter: " + accepter +
+                  ",127.0.0.1," + std::to_string(Ports.back()) + "\n  connector: serialdev," +
+                  device + ",57600n81,local\n";
+      }
+    }
+    Server =
+        std::make_unique<Process>(std::vector<std::string>{PALIMBO_SER2NET, "-n", "-d", "-c",
+                                                           WriteTempFile("ser2net.yaml", config),
+                                                           "-P", WriteTempFile("ser2net.pid", "")},
+                                  WriteTempFile("ser2net.err", ""));
+    for (int i = 0; i < 100 && !Listens(Ports.back()); ++i) usleep(50000);
+  }
+  // The URL of device `Index`, by RFC 2217 or raw.
+  std::string Url(size_t Index, bool Telnet) const {
+    return std::string(Telnet ? "rfc2217" : "socket") +
+           "://127.0.0.1:" + std::to_string(Ports[2 * Index + (Telnet ? 0 : 1)]);
+  }
+  std::vector<int> Ports;
+  std::unique_ptr<Process> Server;  // killed when the test ends, however it ends
+};
+
+// Bytes Telnet must escape or could mangle: 0xFF in runs and alone, CR before NUL and LF.
+std::string HostileImage(size_t Length) {
+  std::string image = testing::TestImage(Length);
+  for (size_t i = 0; i < Length; ++i) {
+    if (i % 3 == 0 || (i / 256) % 4 == 1) image[i] = '\xff';
+    if (i % 97 == 5) image.replace(i, 2, "\r\0", 2);
+  }
+  return image.substr(0, Length);
+}
+
+TEST(RemotePort, BothKindsFlashBothProtocolsBesideALocalPort) {
+  const std::string image = HostileImage(3000);
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(image));
+  const std::string dump = WriteTempFile("m.flash", "");
+  Process modules({PALIMBO_CLI, "simulate", "--count", "5", "--protocol", "direct,ccb,direct,ccb",
+                   "--dump", dump},
+                  WriteTempFile("simulate.err", ""));
+  // simulate prints every device path, then flushes once.
+  modules.FirstLine(10000);
+  std::vector<std::string> devices;
+  std::istringstream paths(modules.Output);
+  for (std::string path; std::getline(paths, path);) devices.push_back(path);
+  ASSERT_EQ(devices.size(), 5u) << modules.Output;
+  Ser2net server({devices[0], devices[1], devices[2], devices[3]});
+  const std::vector<std::string> ports = {server.Url(0, true), server.Url(1, true),
+                                          server.Url(2, false), server.Url(3, false), devices[4]};
+  const std::string record = WriteTempFile("record.jsonl", "");
+  std::vector<std::string> args = {PALIMBO_CLI, "flash",    "--json", "--give-up-after",
+                                   "20",        "--record", record};
+  for (const std::string& port : ports) args.insert(args.end(), {"--port", port});
+  args.push_back(file);
+  Process flash(args, WriteTempFile("flash.err", ""));
+  EXPECT_EQ(flash.Wait(), 0) << flash.Output << ReadAll(testing::TestFolder() / "flash.err");
+
+  size_t results = 0;
+  std::istringstream lines(flash.Output);
+  for (std::string line; std::getline(lines, line);) {
+    const auto object = nlohmann::json::parse(line);
+    if (object["type"] != "result") continue;
+    ++results;
+    EXPECT_EQ(object["outcome"], "verified") << object["port"] << ": " << object["reason"];
+  }
+  EXPECT_EQ(results, ports.size());
+  // The record has a line per module too, each port once.
+  std::ifstream recorded(record);
+  std::set<std::string> recordedPorts;
+  for (std::string line; std::getline(recorded, line);) {
+    const auto object = nlohmann::json::parse(line);
+    EXPECT_EQ(object["outcome"], "verified");
+    recordedPorts.insert(object["port"].get<std::string>());
+  }
+  EXPECT_EQ(recordedPorts, std::set<std::string>(ports.begin(), ports.end()));
+  modules.Signal(SIGTERM);
+  modules.Wait();
+  for (size_t i = 0; i < ports.size(); ++i) {
+    EXPECT_EQ(ReadAll(dump + "." + std::to_string(i + 1)).substr(0, image.size()), image)
+        << ports[i];
+  }
+}
+
+// A lost server or none at all ends the job with its reason, within seconds, exit status 1.
+TEST(RemotePort, ALostServerIsALostPort) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(HostileImage(20000)));
+  Process module({PALIMBO_CLI, "simulate"}, WriteTempFile("simulate.err", ""));
+  Ser2net server({module.FirstLine(10000)});
+  const std::string err = WriteTempFile("flash.err", "");
+  Process flash({PALIMBO_CLI, "flash", "--give-up-after", "5", "--port", server.Url(0, true), file},
+                err);
+  ASSERT_TRUE(flash.WaitForLine("Writing FLASH", 30000)) << flash.Output << ReadAll(err);
+  server.Server->Signal(SIGKILL);
+  const auto cut = std::chrono::steady_clock::now();
+  EXPECT_EQ(flash.Wait(), 1) << flash.Output;
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - cut).count(), 10);
+  // The server's end shows as a closed or a reset connection, as the system saw it.
+  EXPECT_NE(ReadAll(err).find("port " + server.Url(0, true) + " lost: "), std::string::npos)
+      << ReadAll(err);
+
+  const std::string nobody = "socket://127.0.0.1:" + std::to_string(FreePort());
+  Process refused({PALIMBO_CLI, "flash", "--port", nobody, file}, err);
+  EXPECT_EQ(refused.Wait(), 1);
+  EXPECT_NE(ReadAll(err).find("Connection refused"), std::string::npos) << ReadAll(err);
+}
+
+}  // namespace
+}  // namespace palimbo
