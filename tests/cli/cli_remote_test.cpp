@@ -114,7 +114,7 @@ TEST(RemotePort, BothKindsFlashBothProtocolsBesideALocalPort) {
                                           server.Url(2, false), server.Url(3, false), devices[4]};
   const std::string record = WriteTempFile("record.jsonl", "");
   std::vector<std::string> args = {PALIMBO_CLI, "flash",    "--json", "--give-up-after",
-                                   "20",        "--record", record};
+                                   "40",        "--record", record};
   for (const std::string& port : ports) args.insert(args.end(), {"--port", port});
   args.push_back(file);
   Process flash(args, WriteTempFile("flash.err", ""));
@@ -152,8 +152,8 @@ TEST(RemotePort, ALostServerIsALostPort) {
   Process module({PALIMBO_CLI, "simulate"}, WriteTempFile("simulate.err", ""));
   Ser2net server({module.FirstLine(10000)});
   const std::string err = WriteTempFile("flash.err", "");
-  Process flash({PALIMBO_CLI, "flash", "--give-up-after", "5", "--port", server.Url(0, true), file},
-                err);
+  Process flash(
+      {PALIMBO_CLI, "flash", "--give-up-after", "40", "--port", server.Url(0, true), file}, err);
   ASSERT_TRUE(flash.WaitForLine("Writing FLASH", 30000)) << flash.Output << ReadAll(err);
   server.Server->Signal(SIGKILL);
   const auto cut = std::chrono::steady_clock::now();
