@@ -8,41 +8,14 @@ win_cli=$1 linux_cli=$2 protocol=$3 hex=$4 com=$5
 : "${WINEPREFIX:?a Wine prefix of the tests}"
 wine=${PALIMBO_WINE:-/usr/lib/wine/wine64}
 work=$(mktemp -d)
-sims=()
+pids=()
 cleanup() {
-  for pid in "${sims[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap cleanup EXIT
 
-# Starts a simulated module; sets `pts` to its terminal and `sim` to its process.
-start_module() {
-  local name=$1
-  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" \
-    >"$work/$name.sim" 2>"$work/$name.sim.err" &
-  sim=$!
-  sims+=("$sim")
-  for _ in $(seq 100); do
-    pts=$(head -n1 "$work/$name.sim" 2>/dev/null || true)
-    [[ -n $pts ]] && return 0
-    sleep 0.1
-  done
-  echo "simulate did not start: $(cat "$work/$name.sim.err")" >&2
-  return 1
-}
-
-# Stops the module, so that it writes its flash, and compares that with the image.
-check_flash() {
-  local name=$1
-  kill -INT "$sim"
-  wait "$sim"
-  local length
-  length=$(stat -c %s "$work/image.bin")
-  if ! cmp -n "$length" "$work/image.bin" "$work/$name.flash"; then
-    echo "$name: the module's flash differs from the image" >&2
-    return 1
-  fi
-}
+source "$(dirname "$0")/simulated_module.sh"
 
 # The log with time stamps, carriage returns and the port's name taken out.
 normalise() {

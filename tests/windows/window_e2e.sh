@@ -27,29 +27,7 @@ start_x=168 start_y=132        # cmdStart
 list_x=388 list_y=216          # lstStatus
 bar=495x12+140+286             # the inside of pctProgress
 
-start_module() {
-  local name=$1
-  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" \
-    >"$work/$name.sim" 2>"$work/$name.sim.err" &
-  sim=$!
-  pids+=("$sim")
-  for _ in $(seq 100); do
-    pts=$(head -n1 "$work/$name.sim" 2>/dev/null || true)
-    [[ -n $pts ]] && return 0
-    sleep 0.1
-  done
-  echo "simulate did not start: $(cat "$work/$name.sim.err")" >&2
-  return 1
-}
-
-check_flash() {
-  local name=$1 length
-  kill -INT "$sim"
-  wait "$sim" || true
-  length=$(stat -c %s "$work/image.bin")
-  cmp -n "$length" "$work/image.bin" "$work/$name.flash" ||
-    { echo "$name: the module's flash differs from the image" >&2; return 1; }
-}
+source "$(dirname "$0")/simulated_module.sh"
 
 bar_blank() {  # 1 when the bar of window $1 is all white: no colour, no text
   import -window "$1" -crop $bar -colorspace gray -format '%[fx:minima]' info: 2>/dev/null
@@ -78,14 +56,19 @@ upload_through() {
 }
 
 # The status list through its menu's "Copy log", one line each, without stamps and port names.
+# A loaded machine may open the menu late: then the click misses it, and the next try closes it.
 copy_log() {
-  local wid=$1 port=$2
-  xdotool mousemove --window "$wid" $list_x $list_y click 3
-  sleep 0.5
-  xdotool mousemove_relative 30 12 click 1  # the menu's first item
-  sleep 0.5
-  xclip -selection clipboard -o | sed -e 's/\r$//' -e 's/^[^\t]*\t//' \
-    -e "s|^$port opened\.|PORT opened.|"
+  local wid=$1 port=$2 text=
+  for _ in 1 2 3 4 5; do
+    xdotool mousemove --window "$wid" $list_x $list_y click 3
+    sleep 1
+    xdotool mousemove_relative 30 12 click 1  # the menu's first item
+    sleep 0.5
+    text=$(xclip -selection clipboard -o 2>/dev/null || true)
+    [[ -n $text ]] && break
+    xdotool key Escape
+  done
+  sed -e 's/\r$//' -e 's/^[^\t]*\t//' -e "s|^$port opened\.|PORT opened.|" <<<"$text"
 }
 
 wait_window() {  # the window of the program $1, once it shows

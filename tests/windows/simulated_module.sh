@@ -1,0 +1,30 @@
+# Sourced by the Windows end-to-end tests: modules served by the Linux simulate on
+# pseudo-terminals, and the check of a module's flash against the image.
+# Expects `linux_cli`, `protocol` and `work` (with the image in $work/image.bin); each module's
+# process goes into the array `pids`, for the caller's clean-up.
+
+# Starts a simulated module; sets `pts` to its terminal and `sim` to its process.
+start_module() {
+  local name=$1
+  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" \
+    >"$work/$name.sim" 2>"$work/$name.sim.err" &
+  sim=$!
+  pids+=("$sim")
+  for _ in $(seq 100); do
+    pts=$(head -n1 "$work/$name.sim" 2>/dev/null || true)
+    [[ -n $pts ]] && return 0
+    sleep 0.1
+  done
+  echo "simulate did not start: $(cat "$work/$name.sim.err")" >&2
+  return 1
+}
+
+# Stops the module, so that it writes its flash, and compares that with the image.
+check_flash() {
+  local name=$1 length
+  kill -INT "$sim"
+  wait "$sim" || true
+  length=$(stat -c %s "$work/image.bin")
+  cmp -n "$length" "$work/image.bin" "$work/$name.flash" ||
+    { echo "$name: the module's flash differs from the image" >&2; return 1; }
+}
