@@ -2,10 +2,10 @@
 
 namespace palimbo {
 
-PortRefresh TimerRefreshPort_Timer(const std::string& StartCaption, bool AutomaticSelected,
+PortRefresh TimerRefreshPort_Timer(bool UploadRunning, bool AutomaticSelected,
                                    AdapterScanner& Scanner) {
-  // Any other caption means an upload runs, and a scan then could take its adapter.
-  if (StartCaption != "START") return {"(Update in progress..)", std::nullopt};
+  // A scan during an upload could take the adapter from it.
+  if (UploadRunning) return {"(Update in progress..)", std::nullopt};
   if (!AutomaticSelected) return {"(Manual selection)", std::nullopt};
 
   const AdapterScanResult scan = Scanner.ScanForAdapter();
@@ -25,7 +25,7 @@ std::vector<AcceptedAdapter> FindAllAdapterPorts(AdapterScanner& Scanner) {
 }
 
 std::optional<std::string> FindAdapterPort(AdapterScanner& Scanner, std::string* Label) {
-  PortRefresh refresh = TimerRefreshPort_Timer("START", true, Scanner);
+  PortRefresh refresh = TimerRefreshPort_Timer(false, true, Scanner);
   if (Label != nullptr) *Label = refresh.Label;
   return refresh.PortText;
 }

@@ -42,9 +42,9 @@ struct PortRefresh {
       PortText;  ///< "COM5" or "/dev/ttyUSB0"; empty optional leaves cmbComPort alone
 };
 
-/// The decisions of one tick of TimerRefreshPort, in their order: caption first, then mode, then
-/// the scan.
-PortRefresh TimerRefreshPort_Timer(const std::string& StartCaption, bool AutomaticSelected,
+/// The decisions of one tick of TimerRefreshPort, in their order: a running upload first, then
+/// the mode, then the scan.
+PortRefresh TimerRefreshPort_Timer(bool UploadRunning, bool AutomaticSelected,
                                    AdapterScanner& Scanner);
 
 /// The scanner of this platform: the vendor library with COM numbers on Windows, the sysfs walk

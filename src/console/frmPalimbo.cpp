@@ -361,8 +361,10 @@ void frmPalimbo::optSelectManually_Click() {
 }
 
 void frmPalimbo::TimerRefreshPort_Timer() {
+  // Any caption but exactly START means that an upload runs.
+  const bool UploadRunning = cmdStart->text() != QLatin1String(kStartCaption);
   const PortRefresh Refresh = ::palimbo::TimerRefreshPort_Timer(
-      Bytes(cmdStart->text()), optAutomatic->isChecked(), services_.Scanner);
+      UploadRunning, optAutomatic->isChecked(), services_.Scanner);
   lblDetectedDevice->setText(Text(Refresh.Label));
   // The combo box reports a change, and so a store write, only for a different text.
   if (Refresh.PortText) cmbComPort->setEditText(Text(*Refresh.PortText));

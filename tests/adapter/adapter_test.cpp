@@ -100,7 +100,7 @@ struct ScriptedScanner final : AdapterScanner {
 };
 
 struct TickCase {
-  std::string Caption;
+  bool Running;
   bool Automatic;
   AdapterScanResult Scan;
   std::string Label;
@@ -109,24 +109,25 @@ struct TickCase {
 
 // clang-format off
 const TickCase kTickCases[] = {
-    // Only the exact caption START means no upload runs, and it counts before the mode.
-    {"Start", false, {5, "", "KV A", false}, "(Update in progress..)", std::nullopt},
-    {"START", false, {5, "", "KV A", false}, "(Manual selection)", std::nullopt},
-    {"START", true, {5, "", "KV A", true}, "KV A (COM5)", "COM5"},
-    {"START", true, {0, "", "KV", true}, "(Error: FTD2XX.DLL not found)", std::nullopt},
-    {"START", true, {-1, "", "KV A", false}, "(No device found)", std::nullopt},
-    {"START", true, {0, "/dev/ttyACM1", "KV B", true}, "KV B (/dev/ttyACM1)", "/dev/ttyACM1"},
+    // A running upload counts before the mode.
+    {true, false, {5, "", "KV A", false}, "(Update in progress..)", std::nullopt},
+    {false, false, {5, "", "KV A", false}, "(Manual selection)", std::nullopt},
+    {false, true, {5, "", "KV A", true}, "KV A (COM5)", "COM5"},
+    {false, true, {0, "", "KV", true}, "(Error: FTD2XX.DLL not found)", std::nullopt},
+    {false, true, {-1, "", "KV A", false}, "(No device found)", std::nullopt},
+    {false, true, {0, "/dev/ttyACM1", "KV B", true}, "KV B (/dev/ttyACM1)", "/dev/ttyACM1"},
 };
 // clang-format on
 
-TEST(TimerRefreshPort, CaptionThenModeThenScan) {
+TEST(TimerRefreshPort, UploadThenModeThenScan) {
   for (const TickCase& c : kTickCases) {
-    SCOPED_TRACE(c.Caption + (c.Automatic ? " automatic " : " manual ") + c.Label);
+    SCOPED_TRACE(std::string(c.Running ? "running" : "idle") +
+                 (c.Automatic ? " automatic " : " manual ") + c.Label);
     ScriptedScanner scanner(c.Scan);
-    const PortRefresh refresh = TimerRefreshPort_Timer(c.Caption, c.Automatic, scanner);
+    const PortRefresh refresh = TimerRefreshPort_Timer(c.Running, c.Automatic, scanner);
     EXPECT_EQ(refresh.Label, c.Label);
     EXPECT_EQ(refresh.PortText, c.PortText);
-    EXPECT_EQ(scanner.Scans, c.Caption == "START" && c.Automatic ? 1 : 0);
+    EXPECT_EQ(scanner.Scans, !c.Running && c.Automatic ? 1 : 0);
   }
 }
 

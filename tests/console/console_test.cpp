@@ -44,6 +44,7 @@ TEST_F(WindowTest, TimerTickShowsTheAdapterAndTakesItsPortOnlyWhenIdleAndAutomat
   const std::tuple<const char*, const char*, const char*, const char*> kRows[] = {
       {"START", "optSelectManually", "(Manual selection)", "COM1"},
       {"CANCEL", "optAutomatic", "(Update in progress..)", "COM1"},
+      {"Start", "optAutomatic", "(Update in progress..)", "COM1"},  // only START, exactly
       {"START", "optAutomatic", "Kestrolar USB (COM5)", "COM5"}};
   Scanner.Result = {5, "", "Kestrolar USB", false};
   Open();
