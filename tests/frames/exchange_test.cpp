@@ -106,6 +106,9 @@ INSTANTIATE_TEST_SUITE_P(
                  true, -7, 1, 12},
         Scenario{"DirectNegativeResendsAtOnce", false, 'C', kProbe, {{kEvery, 10, kNegative}},
                  false, -7, 10, 127},
+        // Only the outcome 1 is positive: any other ends the try like a negative answer.
+        Scenario{"DirectOutcomeTwoIsNotPositive", false, 'C', kProbe,
+                 {{kEvery, 10, Direct(Bytes({'R', 'C', 2, 0x12, 0x34}))}}, false, -7, 10, 131},
         Scenario{"DirectStatusFFFF", false, 'C', kProbe,
                  {{kEvery, 10, Direct(Bytes({'R', 'C', 1, 255, 255}))}}, true, 65535, 1, 13},
         Scenario{"DirectFourBytePayloadKeepsStatus", false, 'C', kProbe,
