@@ -48,6 +48,7 @@ const ReadCase kReadCases[] = {
     // Blank lines count, and a line holds what the cut left in it.
     {"ShortLineNumber", "\r\n  \r\n" + A + "\r" + B + "\r\n:\n", "",
      "line 4: record shorter than 4 bytes"},
+    {"ThreeBytesWithGoodChecksum", ":0100FF", "", "line 1: record shorter than 4 bytes"},
     {"ChecksumLineNumber", A + "\r\n" + B + "\r\n:0100020077FF", "", "line 3: checksum mismatch"},
     // An odd count of record bytes takes the trailing blank as a byte 0x00: here the checksum.
     // Any first character is the record mark, and the end of file record ends nothing.
