@@ -33,6 +33,8 @@ class NetSocket {
   void Wait(bool ForWrite, int32_t MaxMicros);
 
  private:
+  static constexpr intptr_t kNoSocket = -1;  // the handle of a socket that was moved away
+
   explicit NetSocket(intptr_t Handle) : handle_(Handle) {}
   void Release();
 

@@ -15,8 +15,6 @@ namespace palimbo {
 
 namespace {
 
-constexpr intptr_t kNoSocket = -1;
-
 // Tries one resolved address; the socket, or -1 with the reason.
 int ConnectOne(const addrinfo& Address, int32_t TimeoutMs, std::string& Error) {
   const int fd = ::socket(Address.ai_family, Address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
@@ -69,23 +67,6 @@ std::optional<NetSocket> NetSocket::Connect(const std::string& Host, const std::
   ::freeaddrinfo(found);
   if (fd < 0) return std::nullopt;
   return NetSocket(fd);
-}
-
-NetSocket::NetSocket(NetSocket&& Other) noexcept : handle_(Other.handle_) {
-  Other.handle_ = kNoSocket;
-}
-
-NetSocket& NetSocket::operator=(NetSocket&& Other) noexcept {
-  if (this != &Other) {
-    Release();
-    handle_ = Other.handle_;
-    Other.handle_ = kNoSocket;
-  }
-  return *this;
-}
-
-NetSocket::~NetSocket() {
-  Release();
 }
 
 void NetSocket::Release() {

@@ -15,8 +15,6 @@ namespace palimbo {
 
 namespace {
 
-constexpr intptr_t kNoSocket = -1;
-
 std::string SocketMessage(int Code) {
   char* text = nullptr;
   const DWORD length = ::FormatMessageA(
@@ -107,23 +105,6 @@ std::optional<NetSocket> NetSocket::Connect(const std::string& Host, const std::
     return std::nullopt;
   }
   return NetSocket(static_cast<intptr_t>(s));
-}
-
-NetSocket::NetSocket(NetSocket&& Other) noexcept : handle_(Other.handle_) {
-  Other.handle_ = kNoSocket;
-}
-
-NetSocket& NetSocket::operator=(NetSocket&& Other) noexcept {
-  if (this != &Other) {
-    Release();
-    handle_ = Other.handle_;
-    Other.handle_ = kNoSocket;
-  }
-  return *this;
-}
-
-NetSocket::~NetSocket() {
-  Release();
 }
 
 void NetSocket::Release() {
