@@ -5,14 +5,15 @@
 #include <fstream>
 #include <string>
 
-#include "hex_image.h"
 #include "image/hex_file.h"
+#include "support/firmware_file.h"
 
 namespace {
 
 // A full image of 100001 bytes in records of 16, crossing 0xFFFF through a segment record.
 std::string MaxImageText(const char* LineEnd) {
-  return palimbo::bench::HexText(palimbo::bench::MaxImage(), LineEnd);
+  using palimbo::testing::HexOf, palimbo::testing::TestImage;
+  return HexOf(TestImage(palimbo::kImageMaxIndex + 1), false, LineEnd);
 }
 
 void CheckImage(benchmark::State& State, const palimbo::HexReadResult& Result) {

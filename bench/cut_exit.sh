@@ -9,7 +9,7 @@ runs=${2:-3}
 give_up=36
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-bench/make_hex.py "$work/fw.hex" 20000
+"${PALIMBO_MAKE_HEX:-build/bench/palimbo_make_hex}" "$work/fw.hex" 20000
 
 # One run: waits for MARK in flash's JSON output, then does ACTION to the module; prints the
 # seconds from the action to flash's exit and the exit status.

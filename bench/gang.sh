@@ -9,7 +9,7 @@ bytes=${2:-8192}
 runs=${3:-3}
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-bench/make_hex.py "$work/fw.hex" "$bytes"
+"${PALIMBO_MAKE_HEX:-build/bench/palimbo_make_hex}" "$work/fw.hex" "$bytes"
 
 # One run of N modules: prints wall seconds, CPU seconds (user + system) and the exit status.
 run() {

@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "hex_image.h"
+#include "image/hex_file.h"
+#include "support/firmware_file.h"
 #include "timed_run.h"
 
 namespace {
@@ -61,11 +62,11 @@ int main(int argc, char** argv) {
   char dirTemplate[] = "/tmp/palimbo-hexread-bench-XXXXXX";
   if (mkdtemp(dirTemplate) == nullptr) Fail("cannot make a temporary folder");
   const std::filesystem::path dir = dirTemplate;
-  const std::string image = bench::MaxImage();
+  const std::string image = testing::TestImage(kImageMaxIndex + 1);
   const std::string hex = (dir / "max.hex").string();
   const std::string fromCli = (dir / "cli.bin").string();
   const std::string fromObjcopy = (dir / "objcopy.bin").string();
-  std::ofstream(hex, std::ios::binary) << bench::HexText(image);
+  std::ofstream(hex, std::ios::binary) << testing::HexOf(image);
 
   const std::vector<std::string> a = {cli, "hex2bin", hex, fromCli};
   const std::vector<std::string> b = {objcopy, "-I", "ihex", "-O", "binary", hex, fromObjcopy};
@@ -93,7 +94,7 @@ int main(int argc, char** argv) {
 
   std::printf(
       "Image of %zu bytes, %zu bytes of HEX; outputs equal byte for byte; %d runs each.\n\n",
-      image.size(), bench::HexText(image).size(), runs);
+      image.size(), testing::HexOf(image).size(), runs);
   std::printf(
       "| command | median wall ms | median CPU ms | median peak MiB |\n"
       "|---|---:|---:|---:|\n"

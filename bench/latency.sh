@@ -9,7 +9,7 @@ cli=${1:-build/src/cli/palimbo-cli}
 bytes=${2:-4096}
 work=$(mktemp -d)
 trap 'pkill -P $$ 2>/dev/null || true; rm -rf "$work"' EXIT
-bench/make_hex.py "$work/fw.hex" "$bytes"
+"${PALIMBO_MAKE_HEX:-build/bench/palimbo_make_hex}" "$work/fw.hex" "$bytes"
 # Frames a clean upload of this image needs: probe, two erases, 2 parts and a write a page,
 # the check and the reboot (direct); enter, a block each 128 bytes, finish, check, reboot (CCB).
 pages=$(((bytes + 255) / 256))

@@ -12,6 +12,7 @@
 #include "frames/frame.h"
 #include "sim/sim_line.h"
 #include "sim/virtual_clock.h"
+#include "support/firmware_file.h"
 #include "upload/give_up.h"
 #include "upload/job_context.h"
 #include "upload/upload.h"
@@ -254,35 +255,6 @@ std::string RandomImage(Rng& R) {
   return image;
 }
 
-// The image as an Intel HEX text, 16 bytes a record; the marker record marks it encrypted.
-std::string HexText(const std::string& Image, bool Marker) {
-  assert(Image.size() <= 0x10000 && "no extended address records here");
-  static constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  auto byte = [&](unsigned B) {
-    text += kDigits[(B >> 4) & 15];
-    text += kDigits[B & 15];
-  };
-  if (Marker) text += ":000000FF01\r\n";
-  for (size_t at = 0; at < Image.size(); at += 16) {
-    const size_t n = std::min<size_t>(16, Image.size() - at);
-    unsigned sum = static_cast<unsigned>(n + (at >> 8) + (at & 255));
-    text += ':';
-    byte(static_cast<unsigned>(n));
-    byte(static_cast<unsigned>(at >> 8));
-    byte(static_cast<unsigned>(at & 255));
-    byte(0);
-    for (size_t i = 0; i < n; ++i) {
-      const auto b = static_cast<uint8_t>(Image[at + i]);
-      sum += b;
-      byte(b);
-    }
-    byte((256 - (sum & 255)) & 255);
-    text += "\r\n";
-  }
-  return text + ":00000001FF\r\n";
-}
-
 // Log lines a run keeps for its report.
 constexpr size_t kTailLines = 40;
 
@@ -489,7 +461,7 @@ Verdict Judge(const UploadResult& Result, bool FlashHoldsImage) {
 }
 
 RunRecord RunOne(const RunPlan& Plan, const std::string& HexPath, const SoakOptions& Options) {
-  std::ofstream(HexPath, std::ios::binary) << HexText(Plan.Image, Plan.Marker);
+  std::ofstream(HexPath, std::ios::binary) << testing::HexOf(Plan.Image, Plan.Marker);
   sim::SimulatedModule module(Plan.Settings);
   sim::VirtualClock clock;
   sim::SimLine line(clock, module);

@@ -17,11 +17,12 @@
 #include <thread>
 #include <vector>
 
-#include "hex_image.h"
+#include "image/hex_file.h"
 #include "line_floor.h"
 #include "sim/ideal_time.h"
 #include "sim/pty_host.h"
 #include "sim/simulated_module.h"
+#include "support/firmware_file.h"
 #include "timed_run.h"
 
 namespace {
@@ -274,9 +275,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   const std::filesystem::path dir = dirTemplate;
-  const std::string image = bench::BenchImage(o.Size);
+  const std::string image = testing::TestImage(o.Size);
   const std::string hexPath = (dir / "image.hex").string();
-  std::ofstream(hexPath, std::ios::binary) << bench::HexText(image);
+  std::ofstream(hexPath, std::ios::binary) << testing::HexOf(image);
 
   std::vector<Row> rows;
   for (const sim::BootProtocol protocol : o.Protocols) {

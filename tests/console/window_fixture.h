@@ -9,6 +9,7 @@
 
 #include <QtWidgets>
 
+#include "../support/firmware_file.h"
 #include "../support/temp_file.h"
 #include "adapter/port_selection.h"
 #include "console/frmPalimbo.h"
@@ -51,9 +52,7 @@ struct ScriptedBoxes final : MessageBoxes {
 
 class WindowTest : public ::testing::Test {
  protected:
-  WindowTest() : Settings(Dir.filePath("store.ini"), QSettings::IniFormat) {
-    for (size_t I = 0; I < Image.size(); ++I) Image[I] = static_cast<char>(I * 7 + 3);
-  }
+  WindowTest() : Settings(Dir.filePath("store.ini"), QSettings::IniFormat) {}
   void Open() { OpenWith(Line, Time, Boxes); }
   void OpenWith(SerialBackend& Port, Clock& Clock, MessageBoxes& Shown) {
     Window = std::make_unique<frmPalimbo>(ConsoleServices{Scanner, Port, Clock, Settings, Shown});
@@ -116,7 +115,7 @@ class WindowTest : public ::testing::Test {
 
   QTemporaryDir Dir;
   QSettings Settings;
-  std::string Image = std::string(1000, '\0');
+  std::string Image = TestImage(1000);
   FakeScanner Scanner;
   ScriptedBoxes Boxes;
   QtMessageBoxes RealBoxes;

@@ -37,32 +37,4 @@ inline std::string WriteTempFile(const std::string& Name, const std::string& Con
   return path.string();
 }
 
-/// An Intel HEX text of `Image`, 16 bytes a record, with an end-of-file record.
-inline std::string HexOf(const std::string& Image, bool Marker = false) {
-  static const char* digits = "0123456789ABCDEF";
-  std::string text;
-  auto byte = [&](int b) {
-    text += digits[(b >> 4) & 15];
-    text += digits[b & 15];
-  };
-  if (Marker) text += ":000000FF01\r\n";
-  for (size_t at = 0; at < Image.size(); at += 16) {
-    const size_t n = std::min<size_t>(16, Image.size() - at);
-    int sum = static_cast<int>(n) + static_cast<int>(at >> 8 & 255) + static_cast<int>(at & 255);
-    text += ':';
-    byte(static_cast<int>(n));
-    byte(static_cast<int>(at >> 8 & 255));
-    byte(static_cast<int>(at & 255));
-    byte(0);
-    for (size_t i = 0; i < n; ++i) {
-      const int b = static_cast<unsigned char>(Image[at + i]);
-      sum += b;
-      byte(b);
-    }
-    byte((256 - (sum & 255)) & 255);
-    text += "\r\n";
-  }
-  return text + ":00000001FF\r\n";
-}
-
 }  // namespace palimbo::testing

@@ -6,18 +6,12 @@
 #include <string>
 
 #include "sim/simulated_module.h"
+#include "support/firmware_file.h"
 #include "support/temp_file.h"
 #include "support/virtual_job.h"
 #include "upload/upload.h"
 
 namespace palimbo::testing {
-
-/// Bytes that look like firmware and differ from page to page.
-inline std::string TestImage(size_t Length) {
-  std::string image(Length, '\0');
-  for (size_t i = 0; i < Length; ++i) image[i] = static_cast<char>((i * 7 + i / 251 + 3) & 255);
-  return image;
-}
 
 /// A whole upload of `Image` into `Module` on virtual time.
 struct UploadRun {
