@@ -2,8 +2,6 @@
 #include <signal.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 
@@ -18,12 +16,8 @@ namespace palimbo {
 namespace {
 
 using testing::Process;
+using testing::ReadAll;
 using testing::WriteTempFile;
-
-std::string ReadAll(const std::string& Path) {
-  std::ifstream in(Path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 // One simulated module on a pseudo-terminal of its own, which writes its flash when stopped.
 struct Module {

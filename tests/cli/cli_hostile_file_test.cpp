@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -69,8 +67,7 @@ TEST(CliHostileFile, FlashStopsBeforeItsPort) {
     const std::string errFile = testing::WriteTempFile("stderr", "");
     testing::Process cli({PALIMBO_CLI, "flash", "--port", port, "--yes", file}, errFile);
     EXPECT_EQ(cli.Wait(), 2) << cli.Output;
-    std::ifstream in(errFile);
-    const std::string err{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const std::string err = testing::ReadAll(errFile);
     EXPECT_NE(err.find(cause), std::string::npos) << err;
     EXPECT_FALSE(watch.Touched()) << "the port was opened";
   }

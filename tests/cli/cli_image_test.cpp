@@ -1,7 +1,5 @@
 // palimbo-cli info and hex2bin, run as the real program.
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 
 #include <gtest/gtest.h>
@@ -58,17 +56,13 @@ TEST(CliImage, StatusOutputAndImage) {
     const std::string errFile = (dir / "stderr").string();
     testing::Process cli(args, errFile);
     const int status = cli.Wait();
-    std::ifstream errIn(errFile);
-    const std::string err((std::istreambuf_iterator<char>(errIn)),
-                          std::istreambuf_iterator<char>());
+    const std::string err = testing::ReadAll(errFile);
     const std::string name = ::testing::PrintToString(c.Args);
     EXPECT_EQ(status, c.Status) << name << "\n" << err;
     EXPECT_TRUE(std::regex_match(cli.Output, std::regex(c.Out))) << name << "\n" << cli.Output;
     EXPECT_TRUE(std::regex_search(err, std::regex(c.Err))) << name << "\n" << err;
     // A bad file leaves no output behind.
-    std::ifstream binIn(dir / "out.bin", std::ios::binary);
-    const std::string bin((std::istreambuf_iterator<char>(binIn)),
-                          std::istreambuf_iterator<char>());
+    const std::string bin = testing::ReadAll(dir / "out.bin");
     EXPECT_EQ(fs::exists(dir / "out.bin"), !c.Bin.empty()) << name;
     EXPECT_EQ(bin, c.Bin) << name;
   }

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -64,8 +63,7 @@ TEST(CliPorts, PermissionDeniedNamesTheFix) {
                "flash", "--port", port, file},
               err);
   EXPECT_EQ(cli.Wait(), 1);
-  std::ifstream in(err);
-  const std::string said((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string said = testing::ReadAll(err);
   EXPECT_NE(said.find("cannot open port " + port + ": Permission denied"), std::string::npos)
       << said;
   EXPECT_NE(said.find("fix: sudo usermod -aG dialout"), std::string::npos) << said;

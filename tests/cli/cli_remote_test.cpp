@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -24,12 +23,8 @@ namespace palimbo {
 namespace {
 
 using testing::Process;
+using testing::ReadAll;
 using testing::WriteTempFile;
-
-std::string ReadAll(const std::string& Path) {
-  std::ifstream in(Path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 // A TCP port of the loopback address that nobody uses at this moment.
 int FreePort() {

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -29,6 +30,12 @@ struct TempDir {
     return dir.string();
   }
 };
+
+/// The whole content of the file at `Path`, empty where there is none.
+inline std::string ReadAll(const std::filesystem::path& Path) {
+  std::ifstream in(Path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 /// Writes `Content` to a fresh file in the test's temporary folder and gives its path.
 inline std::string WriteTempFile(const std::string& Name, const std::string& Content) {

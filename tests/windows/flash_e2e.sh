@@ -7,13 +7,6 @@ set -euo pipefail
 win_cli=$1 linux_cli=$2 protocol=$3 hex=$4 com=$5
 : "${WINEPREFIX:?a Wine prefix of the tests}"
 wine=${PALIMBO_WINE:-/usr/lib/wine/wine64}
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 source "$(dirname "$0")/simulated_module.sh"
 

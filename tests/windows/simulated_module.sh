@@ -1,7 +1,15 @@
 # Sourced by the Windows end-to-end tests: modules served by the Linux simulate on
 # pseudo-terminals, and the check of a module's flash against the image.
-# Expects `linux_cli`, `protocol` and `work` (with the image in $work/image.bin); each module's
-# process goes into the array `pids`, for the caller's clean-up.
+# Expects `linux_cli` and `protocol`, and the image in $work/image.bin. Sets up `work`, a
+# temporary folder, and `pids`, the processes killed with it when the caller exits.
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
 
 # Starts a simulated module; sets `pts` to its terminal and `sim` to its process.
 start_module() {

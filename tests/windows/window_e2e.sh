@@ -14,20 +14,13 @@ win_exe=$1 dll=$2 linux_window=$3 linux_cli=$4 protocol=$5 hex=$6 com=$7 shot=${
 [[ -n $shot || $protocol != direct ]] || shot=${PALIMBO_WINDOW_SHOT:-}
 : "${WINEPREFIX:?a Wine prefix of the tests}" "${DISPLAY:?an X display}"
 here=$(dirname "$0")
-work=$(mktemp -d)
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 # The window's layout is fixed in twips, 15 to a pixel; these are points inside its controls.
 start_x=168 start_y=132        # cmdStart
 list_x=388 list_y=216          # lstStatus
 bar=495x12+140+286             # the inside of pctProgress
 
-source "$(dirname "$0")/simulated_module.sh"
+source "$here/simulated_module.sh"
 
 bar_blank() {  # 1 when the bar of window $1 is all white: no colour, no text
   import -window "$1" -crop $bar -colorspace gray -format '%[fx:minima]' info: 2>/dev/null
