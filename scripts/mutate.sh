@@ -68,6 +68,9 @@ if [[ -z $in_place ]]; then
   rm -rf "$tree"
   mkdir -p "$tree"
   tar -C "$source" --exclude='./build*' --exclude=./.git -cf - . | tar -C "$tree" -xf -
+  # The copy brings back the sources' own times, older than the objects built from a fault that
+  # an earlier run planted last or was stopped in: those files are made new, to be rebuilt.
+  [[ ! -s $build/palimbo-planted ]] || (cd "$tree" && sort -u "$build/palimbo-planted" | xargs -r touch)
 fi
 
 count=$(mutants count)
@@ -94,6 +97,7 @@ nice -n 5 cmake --build "$build" -j2 >"$work/build.log" 2>&1 || {
   echo "the tree does not build without faults" >&2
   exit 2
 }
+rm -f "$build/palimbo-planted"
 suite "$work/clean.log" || {
   grep -E '\*\*\*|Failed' "$work/clean.log" >&2 || true
   echo "the suite fails without faults" >&2
@@ -112,6 +116,7 @@ for n in "${numbers[@]}"; do
   file=$(mutants path "$n")
   cp "$tree/$file" "$work/original"
   planted=$file
+  echo "$file" >>"$build/palimbo-planted"
   mutants plant "$n"
   t0=$SECONDS
   if ! nice -n 5 cmake --build "$build" -j2 >"$work/mutant-$n.log" 2>&1; then
