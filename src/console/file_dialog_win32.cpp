@@ -1,8 +1,6 @@
 // The file dialog on Windows: the system's common dialog, with the record filled as the
 // operators know it from every other program there.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
+
 #include <windows.h>
 // The dialog header needs the types of windows.h before it.
 #include <commdlg.h>

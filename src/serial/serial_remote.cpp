@@ -26,6 +26,12 @@ constexpr size_t kMaxPumpBytes = 65536;
 // A connection that takes no data for this long is dead for the write that waits on it.
 constexpr auto kWriteTimeout = std::chrono::milliseconds(2000);
 
+// Microseconds from now to `Deadline`; zero or less once it has passed.
+int64_t MicrosUntil(SteadyTime::time_point Deadline) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(Deadline - SteadyTime::now())
+      .count();
+}
+
 bool StartsWithNoCase(std::string_view Text, std::string_view Prefix) {
   return Text.size() >= Prefix.size() &&
          std::equal(Prefix.begin(), Prefix.end(), Text.begin(), [](char A, char B) {
@@ -236,13 +242,12 @@ std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSett
       return {};
     }
     if (!C.ClosedWhy.empty()) return "the server closed the connection";
-    const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(deadline - SteadyTime::now());
-    if (left.count() <= 0) {
+    const int64_t left = MicrosUntil(deadline);
+    if (left <= 0) {
       return "the server did not confirm line settings '" + Text + "' within " +
              std::to_string(kSettingsTimeout.count() / 1000) + " s";
     }
-    C.Socket.Wait(false, static_cast<int32_t>(left.count()));
+    C.Socket.Wait(false, static_cast<int32_t>(left));
   }
 }
 
@@ -281,13 +286,12 @@ size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, std
     if (n < 0) return done;
     done += static_cast<size_t>(n);
     if (done == Bytes.size()) break;
-    const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(deadline - SteadyTime::now());
-    if (left.count() <= 0) {
+    const int64_t left = MicrosUntil(deadline);
+    if (left <= 0) {
       Error = "the server took no data for " + std::to_string(kWriteTimeout.count() / 1000) + " s";
       return done;
     }
-    C.Socket.Wait(true, static_cast<int32_t>(std::min<int64_t>(left.count(), 100'000)));
+    C.Socket.Wait(true, static_cast<int32_t>(std::min<int64_t>(left, 100'000)));
   }
   return done;
 }

@@ -1,9 +1,6 @@
 // What differs on Windows: the system's common file dialog, driven from a second thread as an
 // operator's clicks would, since its modal loop is the system's and not the toolkit's.
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
 #include <windows.h>
 // The dialog's control numbers need the types of windows.h before them.
 #include <dlgs.h>
