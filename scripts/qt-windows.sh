@@ -54,25 +54,8 @@ fi
 started=$SECONDS
 work=$cache/work-$key
 rm -rf "$work" "$prefix"
-mkdir -p "$work/src" "$work/apt/lists/partial" "$work/apt/parts"
 trap 'rm -rf "$work"' EXIT
-
-# The source package through a deb-src list of our own, given to apt for this call only: the
-# machine's apt configuration stays as it is.
-codename=$(. /etc/os-release && echo "$VERSION_CODENAME")
-mirror=${PALIMBO_DEBIAN_MIRROR:-http://deb.debian.org}
-cat >"$work/apt/sources.list" <<EOF
-deb-src $mirror/debian $codename main
-deb-src $mirror/debian $codename-updates main
-deb-src $mirror/debian-security $codename-security main
-EOF
-apt_options=(-o "Dir::Etc::SourceList=$work/apt/sources.list" -o "Dir::Etc::SourceParts=$work/apt/parts"
-  -o "Dir::State::Lists=$work/apt/lists" -o "Dir::Cache::pkgcache=" -o "Dir::Cache::srcpkgcache=")
-echo "Fetching the source of qt6-base $version" >&2
-apt-get -qq "${apt_options[@]}" update >&2
-(cd "$work/src" && apt-get -qq "${apt_options[@]}" source "qt6-base=$version" >&2)
-source_dir=$(find "$work/src" -mindepth 1 -maxdepth 1 -type d -name 'qt6-base-*' | head -n1)
-[[ -d $source_dir ]] || { echo "the source of qt6-base $version did not unpack" >&2; exit 1; }
+source_dir=$(scripts/debian-source.sh qt6-base "$version" "$work" | tail -n1)
 
 echo "Building Qt $version for Windows into $prefix (about 25 minutes on two cores)" >&2
 cmake -S "$source_dir" -B "$work/build" -G Ninja \

@@ -5,7 +5,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-packages.sh cmake ninja-build g++ python3 libgtest-dev libgmock-dev \
-  libbenchmark-dev qt6-base-dev lintian nlohmann-json3-dev libcli11-dev ser2net
+  libbenchmark-dev qt6-base-dev lintian nlohmann-json3-dev libcli11-dev ser2net \
+  libmbedtls-dev
 
 build=${1:-build}
 shift || true

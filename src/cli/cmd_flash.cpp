@@ -1,3 +1,4 @@
+#include <cctype>
 #include <iostream>
 
 #include "adapter/port_selection.h"
@@ -5,6 +6,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/flash_run.h"
+#include "serial/serial_remote.h"
 
 namespace palimbo::cli {
 
@@ -27,17 +29,42 @@ const char* const kUsage =
     "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
     "                     (FILE.1, FILE.2, ... with several modules)\n"
     "  --record FILE      append one JSON line per upload to FILE: time, host, version, port,\n"
-    "                     file with its length and CRC, protocol, outcome, reason, seconds\n"
+    "                     file with its image's length and CRC and its SHA-256, protocol,\n"
+    "                     outcome, reason, seconds; a line that cannot be written fails the\n"
+    "                     run (and stops a station)\n"
+    "  --expect-sha256 HEX  refuse FILE unless its SHA-256 (as sha256sum prints it) is HEX\n"
     "  --station          production station: after each module wait for the next one on the\n"
     "                     same port and flash it, until Ctrl-C; a line and a running count\n"
-    "                     per module; exit status 0 only when every module was verified\n"
+    "                     per module; a port that goes away is waited for, and counts no\n"
+    "                     module; exit status 0 only when every module was verified\n"
     "  --count N          with --station, stop after N modules\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
+    "FILE is read once: every module of the run gets that image, whatever happens to the file.\n"
     "The log goes to stdout, with several modules each line after its port; the progress bar\n"
     "or table goes to stderr on a terminal, and a summary table ends a run of several modules.\n"
     "Ctrl-C cancels every job as CANCEL does; a second Ctrl-C closes the ports and quits.\n"
     "Exit status: 0 written and verified (every module), 1 failed, cancelled or given up (any\n"
     "module), 2 bad arguments or firmware file, 3 written but not verified.\n";
+
+// A SHA-256 as sha256sum prints it, in either case; lower case for comparing.
+std::string Sha256Argument(const std::string& Text) {
+  std::string digest;
+  for (const char c : Text) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) break;
+    digest += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  if (digest.size() != 64 || Text.size() != 64) {
+    throw UsageError("--expect-sha256 '" + Text +
+                     "' is no SHA-256: 64 hexadecimal digits, as sha256sum prints them");
+  }
+  return digest;
+}
+
+// A network port's URL is an argument like any other: a wrong one is told before anything opens.
+void CheckPortArgument(const std::string& Port) {
+  std::string error;
+  if (IsRemotePortName(Port) && !ParseRemotePortUrl(Port, error)) throw UsageError(error);
+}
 
 }  // namespace
 
@@ -54,6 +81,7 @@ int RunFlash(const std::vector<std::string>& Args) {
   app.add_option("--trace", request.TraceFile);
   app.add_flag("--spin", spin);
   app.add_option("--record", request.RecordFile);
+  app.add_option("--expect-sha256", request.ExpectSha256);
   auto* station = app.add_flag("--station", request.Station);
   app.add_option("--count", request.StationCount)->check(CLI::Range(1, 1000000))->needs(station);
   app.add_option("FILE", request.File)->required();
@@ -70,6 +98,8 @@ int RunFlash(const std::vector<std::string>& Args) {
                      " s: the CRC probe and two erases); give at least that, or 0 for never");
   }
   if (all && !request.Ports.empty()) throw UsageError("--all and --port exclude each other");
+  if (!request.ExpectSha256.empty()) request.ExpectSha256 = Sha256Argument(request.ExpectSha256);
+  for (const std::string& port : request.Ports) CheckPortArgument(port);
 
   if (request.Ports.empty()) {
     const auto scanner = MakeSystemAdapterScanner();

@@ -3,10 +3,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "adapter/port_report.h"
@@ -37,17 +39,18 @@ class ModuleJob final : public JobLog,
                         public OperatorQuestion {
  public:
   ModuleJob(size_t Index, const FlashRequest& Request, UploadDisplay& Display,
-            const InterruptWatch& Interrupts)
+            const InterruptWatch& Interrupts, const std::atomic<bool>& StationStopped)
       : index_(Index),
         request_(Request),
         display_(Display),
         interrupts_(Interrupts),
+        station_stopped_(StationStopped),
         watch_(Request.Ports[Index], Request.GiveUpAfterSeconds) {}
 
-  ModuleResult Run(SerialBackend& SystemPort, size_t Bytes) {
+  ModuleResult Run(SerialBackend& SystemPort, const HexReadResult& Image, bool Encrypted) {
     ModuleResult result;
     result.Port = request_.Ports[index_];
-    result.Bytes = Bytes;
+    result.Bytes = Image.FirmwareString.size();
     result.Started = std::time(nullptr);
     const auto started = std::chrono::steady_clock::now();
 
@@ -72,11 +75,15 @@ class ModuleJob final : public JobLog,
     JobContext ctx(*this, *this, *this, *this, clock, *port);
     ctx.IdleWaitMicros = request_.IdleWait ? kUnattendedIdleWaitMicros : 0;
     ctx.AwaitModule = request_.Station;
+    ctx.IsEncrypted = Encrypted;
     ctx_ = &ctx;
     protocol_.clear();
-    result.Result = StartUpload(ctx, request_.File, result.Port);
+    port_lost_.clear();
+    cancel_sent_ = false;
+    result.Result = StartUpload(ctx, Image, result.Port);
     ctx_ = nullptr;
     result.Protocol = protocol_;
+    result.PortLost = port_lost_;
     // At a station the wait for the next module is the operator's time, not the module's.
     const bool fromAnswer = request_.Station && !protocol_.empty();
     result.Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() -
@@ -106,11 +113,20 @@ class ModuleJob final : public JobLog,
       ctx_->Cancel = true;
       display_.Note(index_, "cancelling (Ctrl-C again quits at once)");
     }
+    const bool waiting = request_.Station && ctx_->Protocol.empty();
+    // A stopped station takes no further module, but lets a running upload end.
+    if (waiting && station_stopped_ && !cancel_sent_) {
+      cancel_sent_ = true;
+      ctx_->Cancel = true;
+    }
     // A station waiting for its next module hears nothing and gets no further, as it should.
-    if (request_.Station && ctx_->Protocol.empty() && IsPortOpen(ctx_->PortHandle)) {
+    if (waiting && IsPortOpen(ctx_->PortHandle)) {
       ctx_->LastAnswerTick = ctx_->LastProgressTick = ctx_->GetTickCount();
     }
-    if (watch_.Check(*ctx_)) display_.Note(index_, ctx_->GiveUpReason);
+    if (!watch_.Check(*ctx_)) return;
+    if (!ctx_->Port().LostReason().empty()) port_lost_ = ctx_->GiveUpReason;
+    // The station tells a port lost while it waits in its own words.
+    if (!waiting) display_.Note(index_, ctx_->GiveUpReason);
   }
 
   bool AskYesNo(const std::string& Title, const std::string& Text) override {
@@ -122,10 +138,12 @@ class ModuleJob final : public JobLog,
   const FlashRequest& request_;
   UploadDisplay& display_;
   const InterruptWatch& interrupts_;
+  const std::atomic<bool>& station_stopped_;
   GiveUpWatch watch_;
   JobContext* ctx_ = nullptr;
   bool cancel_sent_ = false;
   std::string protocol_;
+  std::string port_lost_;
   std::chrono::steady_clock::time_point answered_;  // when the bootloader answered the entry
   std::time_t answered_time_ = 0;
 };
@@ -177,18 +195,51 @@ int CombinedExitStatus(const std::vector<ModuleResult>& Modules) {
   return status;
 }
 
+namespace {
+
+// The file of a run, read once: every module of the run gets this image, and the record and
+// the approval check speak of these very bytes. Nothing, and the reason told, when the file
+// is no firmware to write or not the approved one.
+std::optional<HexReadResult> ReadRunFirmware(const FlashRequest& Request, bool& Encrypted) {
+  HexReadResult image = ReadHexFile(Request.File, Encrypted);
+  std::string reason;
+  if (!image.Ok()) {
+    reason = image.Reason;
+  } else if (image.FirmwareString.empty()) {
+    reason = "no data records";
+  } else if (!Request.ExpectSha256.empty() && image.FileSha256 != Request.ExpectSha256) {
+    reason = "SHA-256 " + image.FileSha256 + " is not the approved " + Request.ExpectSha256;
+  } else {
+    return image;
+  }
+  if (Request.Json) std::cout << JsonLine({{"type", "error"}, {"reason", reason}}) << std::endl;
+  std::cerr << "palimbo-cli: " << Request.File << ": " << reason << std::endl;
+  return std::nullopt;
+}
+
+// Opens the port and closes it again: empty when it opened, else why not.
+std::string ProbePort(SerialBackend& Port, const std::string& Name,
+                      const std::function<bool()>& Stopping) {
+  Port.SetOpenInterrupt(Stopping);
+  int32_t handle = Comm_oeffnen_32(Port, Name + ":57600,N,8,1");
+  Port.SetOpenInterrupt({});
+  if (!IsPortOpen(handle)) return Port.LastOpenError();
+  Comm_close_32(Port, handle);
+  return {};
+}
+
+// How long a station waits before it looks again for a port that went away.
+constexpr auto kPortLookInterval = std::chrono::seconds(1);
+constexpr auto kStopLookInterval = std::chrono::milliseconds(100);
+
+}  // namespace
+
 FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& MakePort) {
   // A bad file is a bad input for every module alike: it is told once, and no port opens.
   bool encrypted = false;
-  const HexReadResult image = ReadHexFile(Request.File, encrypted);
-  if (!image.Ok() || image.FirmwareString.empty()) {
-    const std::string reason = image.Ok() ? "no data records" : image.Reason;
-    if (Request.Json) {
-      std::cout << JsonLine({{"type", "error"}, {"reason", reason}}) << std::endl;
-    }
-    std::cerr << "palimbo-cli: " << Request.File << ": " << reason << std::endl;
-    return {kExitUsage, {}};
-  }
+  const std::optional<HexReadResult> image = ReadRunFirmware(Request, encrypted);
+  if (!image) return {kExitUsage, {}};
+  const int32_t crc = Crc16Of(image->FirmwareString);
 
   const DisplayMode mode = Request.Json                ? DisplayMode::Json
                            : Request.Ports.size() == 1 ? DisplayMode::Single
@@ -196,20 +247,27 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::unique_ptr<UploadRecord> record;
   if (!Request.RecordFile.empty()) {
     std::string error;
-    record = UploadRecord::Open(Request.RecordFile, Request.File, image.FirmwareString.size(),
-                                Crc16Of(image.FirmwareString), error);
+    record = UploadRecord::Open(
+        Request.RecordFile, {Request.File, image->FirmwareString.size(), crc, image->FileSha256},
+        error);
     if (!record) {
       std::cerr << "palimbo-cli: " << error << std::endl;
       return {kExitUsage, {}};
     }
   }
   UploadDisplay display(mode, Request.Ports);
+  char crcText[8];
+  std::snprintf(crcText, sizeof crcText, "%04X", static_cast<unsigned>(crc & 0xFFFF));
+  display.RunLog("Firmware " + Request.File +
+                 " read once for the whole run: " + std::to_string(image->FirmwareString.size()) +
+                 " bytes, CRC " + crcText + ", SHA-256 " + image->FileSha256);
   InterruptWatch interrupts;
+  std::atomic<bool> stationStopped{false};
   std::vector<std::unique_ptr<SerialBackend>> ports;
   std::vector<std::unique_ptr<ModuleJob>> jobs;
   for (size_t i = 0; i < Request.Ports.size(); ++i) {
     ports.push_back(MakePort());
-    jobs.push_back(std::make_unique<ModuleJob>(i, Request, display, interrupts));
+    jobs.push_back(std::make_unique<ModuleJob>(i, Request, display, interrupts, stationStopped));
   }
 
   FlashReport report;
@@ -218,18 +276,37 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::condition_variable doneSignal;
   size_t done = 0;
   StationTally tally(Request.StationCount);
+  const auto stopping = [&] { return interrupts.Requested() || stationStopped; };
   std::vector<std::thread> threads;
   for (size_t i = 0; i < jobs.size(); ++i) {
     threads.emplace_back([&, i] {
-      const auto runOne = [&] { return jobs[i]->Run(*ports[i], image.FirmwareString.size()); };
+      const auto runOne = [&] { return jobs[i]->Run(*ports[i], *image, encrypted); };
       if (Request.Station) {
-        RunStationPort(
-            i, runOne, [&] { return interrupts.Requested(); }, tally, display, record.get(),
-            Request.Json);
+        StationPlace place;
+        place.Index = i;
+        place.Port = Request.Ports[i];
+        place.RunOne = runOne;
+        place.ProbePort = [&] { return ProbePort(*ports[i], Request.Ports[i], stopping); };
+        place.Stopping = stopping;
+        place.StopStation = [&] { stationStopped = true; };
+        place.Pause = [&] {
+          for (auto slept = std::chrono::milliseconds(0); slept < kPortLookInterval && !stopping();
+               slept += kStopLookInterval) {
+            std::this_thread::sleep_for(kStopLookInterval);
+          }
+        };
+        RunStationPort(place, tally, display, record.get(), Request.Json);
       } else {
-        report.Modules[i] = runOne();
+        ModuleResult& result = report.Modules[i];
+        result = runOne();
         std::string error;
-        if (record && !record->Append(report.Modules[i], 0, error)) display.Note(i, error);
+        if (record) {
+          result.Record = record->Append(result, 0, error) ? "written" : "not written: " + error;
+        }
+        if (!error.empty()) {
+          display.Note(i, error);
+          result.ExitStatus = kExitFailed;
+        }
       }
       const std::lock_guard guard(doneLock);
       ++done;

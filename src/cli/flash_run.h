@@ -14,6 +14,7 @@ namespace palimbo::cli {
 /// What `flash` and `demo` ask of one upload or of several at once.
 struct FlashRequest {
   std::string File;
+  std::string ExpectSha256;        ///< lower-case hex; when set, any other file is refused
   std::vector<std::string> Ports;  ///< one module a port
   bool AssumeYes = false;          ///< answer the no-response question with Yes
   std::string TraceFile;  ///< wire trace, one chunk a line; with several ports FILE.1, FILE.2..

@@ -45,6 +45,11 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
   return {number, line};
 }
 
+void StationTally::NoteFault() {
+  const std::lock_guard guard(lock_);
+  fault_ = true;
+}
+
 std::string StationTally::Summary() const {
   const std::lock_guard guard(lock_);
   return "station: " + std::to_string(results_.size()) + " modules, " + std::to_string(verified_) +
@@ -54,7 +59,7 @@ std::string StationTally::Summary() const {
 
 int StationTally::ExitStatus() const {
   const std::lock_guard guard(lock_);
-  return !results_.empty() && unverified_ == 0 && failed_ == 0 ? kExitOk : kExitFailed;
+  return !results_.empty() && unverified_ == 0 && failed_ == 0 && !fault_ ? kExitOk : kExitFailed;
 }
 
 std::vector<ModuleResult> StationTally::Results() const {
@@ -62,25 +67,58 @@ std::vector<ModuleResult> StationTally::Results() const {
   return results_;
 }
 
-void RunStationPort(size_t Index, const std::function<ModuleResult()>& RunOne,
-                    const std::function<bool()>& Stopping, StationTally& Tally,
-                    UploadDisplay& Display, UploadRecord* Record, bool Json) {
-  while (!Stopping() && Tally.Claim()) {
-    const ModuleResult result = RunOne();
-    // Stopped while waiting for a module: no module took part, so none is counted.
-    if (result.Protocol.empty() && result.Result.Outcome == UploadOutcome::Cancelled) {
+namespace {
+
+// Looks for the port again and again until it opens; false when the station stopped first.
+bool AwaitPort(const StationPlace& Place) {
+  while (!Place.Stopping()) {
+    if (Place.ProbePort().empty()) return true;
+    Place.Pause();
+  }
+  return false;
+}
+
+}  // namespace
+
+void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDisplay& Display,
+                    UploadRecord* Record, bool Json) {
+  bool opened = false;
+  while (!Place.Stopping() && Tally.Claim()) {
+    ModuleResult result = Place.RunOne();
+    const UploadOutcome outcome = result.Result.Outcome;
+    const bool lost = !result.PortLost.empty() || outcome == UploadOutcome::PortError;
+    // No bootloader answered: the station was stopped, or the port went away, while it waited.
+    if (result.Protocol.empty() && (lost || outcome == UploadOutcome::Cancelled)) {
       Tally.Release();
-      break;
+      if (outcome == UploadOutcome::PortError && !opened) {
+        // Nothing to wait for behind a port that never opened: this place is over.
+        Display.Note(Place.Index, result.Result.Reason);
+        Tally.NoteFault();
+        return;
+      }
+      if (!lost) return;
+    } else {
+      const auto [number, line] = Tally.Count(result);
+      std::string error;
+      if (Record != nullptr) {
+        result.Record = Record->Append(result, number, error) ? "written" : "not written: " + error;
+      }
+      if (!error.empty()) result.ExitStatus = kExitFailed;
+      Display.Log(Place.Index, line);
+      if (Json) Display.Finish({result});
+      if (!error.empty()) {
+        Display.Note(Place.Index, error + "; the station stops");
+        Tally.NoteFault();
+        Place.StopStation();
+        return;
+      }
     }
-    const auto [number, line] = Tally.Count(result);
-    Display.Log(Index, line);
-    if (Json) Display.Finish({result});
-    std::string error;
-    if (Record != nullptr && !Record->Append(result, number, error)) Display.Note(Index, error);
-    // A port that does not open has no module behind it to wait for.
-    if (result.Result.Outcome == UploadOutcome::PortError) {
-      Display.Note(Index, result.Result.Reason);
-      break;
+    opened = true;
+    if (lost) {
+      const std::string& why = result.PortLost.empty() ? result.Result.Reason : result.PortLost;
+      Display.Log(Place.Index, why + "; waiting for the port to come back");
+      if (!AwaitPort(Place)) return;
+      Display.Log(Place.Index, "port " + Place.Port + " is back; waiting for the next module");
     }
   }
 }

@@ -12,7 +12,7 @@
 namespace palimbo::cli {
 
 /// The running count of a production station: modules verified, unverified and failed, over
-/// all its ports, and the limit of modules it takes.
+/// all its places, and the limit of modules it takes.
 class StationTally {
  public:
   /// `Limit` modules at most; 0 for no limit.
@@ -20,14 +20,19 @@ class StationTally {
 
   /// Takes the place of the next module; false when the limit is reached.
   bool Claim();
-  /// Gives a place back that no module took (the station stopped while waiting for one).
+  /// Gives a place back that no module took (the station stopped while waiting for one, or
+  /// the port went away before a module answered).
   void Release();
   /// Counts a module's end; gives its number and the line the operator sees for it, such as
   /// "module 3: verified in 4.2 s; 3 verified, 0 unverified, 0 failed".
   std::pair<int32_t, std::string> Count(const ModuleResult& Result);
+  /// Notes a fault of the run that is no module's: a place whose port never opened, a record
+  /// that could not be written. The run then ends with status 1.
+  void NoteFault();
   /// The count as the end of the run tells it.
   std::string Summary() const;
-  /// 0 when at least one module was flashed and every module was verified, else 1.
+  /// 0 when at least one module was flashed, every module was verified and the run had no
+  /// fault of its own, else 1.
   int ExitStatus() const;
   /// Every module's result in the order they ended.
   std::vector<ModuleResult> Results() const;
@@ -39,16 +44,32 @@ class StationTally {
   int32_t verified_ = 0;
   int32_t unverified_ = 0;
   int32_t failed_ = 0;
+  bool fault_ = false;
   std::vector<ModuleResult> results_;
 };
 
-/// One port of a station: flashes module after module, each job waiting in its entry poll for
-/// the next module to be plugged in, until Ctrl-C, the tally's limit, or a port that cannot be
-/// opened. `RunOne` runs one job on the port; `Stopping` tells that the operator has stopped
-/// the station. Each module's line goes to the display, its JSON result in JSON mode, and its
-/// line to the record when there is one.
-void RunStationPort(size_t Index, const std::function<ModuleResult()>& RunOne,
-                    const std::function<bool()>& Stopping, StationTally& Tally,
-                    UploadDisplay& Display, UploadRecord* Record, bool Json);
+/// What one place of a station does besides its uploads.
+struct StationPlace {
+  size_t Index = 0;
+  std::string Port;
+  /// Runs one job on the port, which waits in its entry poll for the next module.
+  std::function<ModuleResult()> RunOne;
+  /// Opens the port and closes it again: empty when it opened, else why not.
+  std::function<std::string()> ProbePort;
+  /// The operator or the run has stopped the station.
+  std::function<bool()> Stopping;
+  /// Stops every place: the record failed, and a station without its record is not a station.
+  std::function<void()> StopStation;
+  /// Waits a little between two looks for a port that went away.
+  std::function<void()> Pause;
+};
+
+/// One place of a station: flashes module after module, until Ctrl-C, the tally's limit, a
+/// record that cannot be written, or a port that cannot be opened at the start. A port that
+/// goes away while the place waits for a module is no module: the place says so, waits for the
+/// port to come back and goes on. Each module's line goes to the display, its JSON result in
+/// JSON mode, and its line to the record when there is one.
+void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDisplay& Display,
+                    UploadRecord* Record, bool Json);
 
 }  // namespace palimbo::cli

@@ -52,17 +52,24 @@ UploadDisplay::UploadDisplay(DisplayMode Mode, std::vector<std::string> Ports)
 
 void UploadDisplay::Log(size_t Module, const std::string& Text) {
   const std::lock_guard guard(lock_);
+  WriteLog(rows_[Module].Port, Text);
+}
+
+void UploadDisplay::RunLog(const std::string& Text) {
+  const std::lock_guard guard(lock_);
+  // The port column stays, empty, so that the lines of a run keep one shape.
+  WriteLog("", Text);
+}
+
+void UploadDisplay::WriteLog(const std::string& Port, const std::string& Text) {
   if (mode_ == DisplayMode::Json) {
-    std::cout << JsonLine({{"type", "log"},
-                           {"port", rows_[Module].Port},
-                           {"time", TimeOfDay()},
-                           {"text", Text}})
+    std::cout << JsonLine({{"type", "log"}, {"port", Port}, {"time", TimeOfDay()}, {"text", Text}})
               << std::endl;
     return;
   }
   ClearLive();
   std::cout << TimeOfDay() << '\t';
-  if (mode_ == DisplayMode::Table) std::cout << rows_[Module].Port << '\t';
+  if (mode_ == DisplayMode::Table) std::cout << Port << '\t';
   std::cout << Text << std::endl;
   DrawLive();
 }
@@ -196,16 +203,17 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
   ClearLive();
   if (mode_ == DisplayMode::Json) {
     for (const ModuleResult& r : Results) {
-      std::cout << JsonLine({{"type", "result"},
-                             {"port", r.Port},
-                             {"outcome", OutcomeName(r.Result.Outcome)},
-                             {"reason", r.Result.Reason},
-                             {"protocol", r.Protocol},
-                             {"bytes", r.Bytes},
-                             {"seconds",
-                              static_cast<double>(static_cast<int64_t>(r.Seconds * 10 + 0.5)) / 10},
-                             {"exit_status", r.ExitStatus}})
-                << std::endl;
+      nlohmann::ordered_json line = {
+          {"type", "result"},
+          {"port", r.Port},
+          {"outcome", OutcomeName(r.Result.Outcome)},
+          {"reason", r.Result.Reason},
+          {"protocol", r.Protocol},
+          {"bytes", r.Bytes},
+          {"seconds", static_cast<double>(static_cast<int64_t>(r.Seconds * 10 + 0.5)) / 10},
+          {"exit_status", r.ExitStatus}};
+      if (!r.Record.empty()) line["record"] = r.Record;
+      std::cout << JsonLine(line) << std::endl;
     }
     return;
   }
@@ -216,9 +224,11 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
   std::printf("\n%-*s %-8s %8s %8s  %-13s %s\n", w, "PORT", "PROTOCOL", "BYTES", "SECONDS",
               "OUTCOME", "REASON");
   for (const ModuleResult& r : Results) {
+    std::string reason = r.Result.Reason;
+    if (r.Record.rfind("not written", 0) == 0) reason += "; record " + r.Record;
     std::printf("%-*s %-8s %8zu %8.1f  %-13s %s\n", w, r.Port.c_str(),
                 r.Protocol.empty() ? "-" : r.Protocol.c_str(), r.Bytes, r.Seconds,
-                OutcomeName(r.Result.Outcome), r.Result.Reason.c_str());
+                OutcomeName(r.Result.Outcome), reason.c_str());
   }
   std::fflush(stdout);
 }

@@ -20,6 +20,8 @@ struct ModuleResult {
   std::time_t Started = 0;  ///< when the job began, by the calendar
   UploadResult Result{UploadOutcome::Failed, ""};
   int ExitStatus = 1;
+  std::string PortLost;  ///< "port NAME lost: why" when the port went away under the job
+  std::string Record;    ///< with a record: "written", or "not written: " and why
 };
 
 /// The outcome as the summary, the JSON results and the record name it, e.g. "given up".
@@ -39,6 +41,8 @@ class UploadDisplay {
   UploadDisplay(DisplayMode Mode, std::vector<std::string> Ports);
 
   void Log(size_t Module, const std::string& Text);
+  /// A line about the whole run rather than one module, such as what firmware it writes.
+  void RunLog(const std::string& Text);
   void Progress(size_t Module, int32_t Val, int32_t Max, const std::string& Text);
   void SetProtocol(size_t Module, const std::string& Protocol);
   /// A message about the upload, not of it, such as why it was given up; goes to stderr.
@@ -62,6 +66,7 @@ class UploadDisplay {
     std::chrono::steady_clock::time_point LastJson{};
   };
 
+  void WriteLog(const std::string& Port, const std::string& Text);
   std::string ProgressLine(const Row& R) const;
   void ClearLive();
   void DrawLive();

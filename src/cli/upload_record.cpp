@@ -1,52 +1,41 @@
 #include "cli/upload_record.h"
 
-#include <cerrno>
-#include <cstring>
+#include <cstdio>
 
 #include "cli/json_line.h"
 #include "cli/platform.h"
 
 namespace palimbo::cli {
 
-std::unique_ptr<UploadRecord> UploadRecord::Open(const std::string& Path, const std::string& File,
-                                                 size_t ImageBytes, int32_t ImageCrc,
+std::unique_ptr<UploadRecord> UploadRecord::Open(const std::string& Path, RecordedFirmware Firmware,
                                                  std::string& Error) {
-  // Append mode puts every write at the end of the file, also between two stations' writes.
-  std::FILE* out = std::fopen(Path.c_str(), "ab");
-  if (out == nullptr) {
-    Error = "cannot open record file " + Path + ": " + std::strerror(errno);
+  auto out = RecordFile::Open(Path, Error);
+  if (!out) {
+    Error = "cannot open record file " + Path + ": " + Error;
     return nullptr;
   }
-  return std::unique_ptr<UploadRecord>(new UploadRecord(out, Path, File, ImageBytes, ImageCrc));
+  return std::unique_ptr<UploadRecord>(new UploadRecord(std::move(out), Path, std::move(Firmware)));
 }
 
-UploadRecord::UploadRecord(std::FILE* Out, std::string Path, std::string File, size_t ImageBytes,
-                           int32_t ImageCrc)
-    : out_(Out),
+UploadRecord::UploadRecord(std::unique_ptr<RecordFile> Out, std::string Path,
+                           RecordedFirmware Firmware)
+    : out_(std::move(Out)),
       path_(std::move(Path)),
-      file_(std::move(File)),
-      image_bytes_(ImageBytes),
-      image_crc_(ImageCrc),
-      host_(HostName()) {
-  // Without a buffer of the library's own each line goes out in the one write below.
-  std::setvbuf(out_, nullptr, _IONBF, 0);
-}
-
-UploadRecord::~UploadRecord() {
-  std::fclose(out_);
-}
+      firmware_(std::move(Firmware)),
+      host_(HostName()) {}
 
 bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::string& Error) {
   char crc[8];
-  std::snprintf(crc, sizeof crc, "%04X", static_cast<unsigned>(image_crc_ & 0xFFFF));
+  std::snprintf(crc, sizeof crc, "%04X", static_cast<unsigned>(firmware_.ImageCrc & 0xFFFF));
   nlohmann::ordered_json line = {
       {"time", UtcTimestamp(Result.Started)},
       {"host", host_},
       {"version", PALIMBO_VERSION},
       {"port", Result.Port},
-      {"file", file_},
-      {"file_bytes", image_bytes_},
+      {"file", firmware_.File},
+      {"file_bytes", firmware_.ImageBytes},
       {"file_crc", crc},
+      {"file_sha256", firmware_.FileSha256},
       {"protocol", Result.Protocol},
       {"outcome", OutcomeName(Result.Result.Outcome)},
       {"reason", Result.Result.Reason},
@@ -54,10 +43,9 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
       {"exit_status", Result.ExitStatus},
   };
   if (Module > 0) line["module"] = Module;
-  const std::string text = JsonLine(line) + "\n";
   const std::lock_guard guard(lock_);
-  if (std::fwrite(text.data(), 1, text.size(), out_) != text.size() || std::fflush(out_) != 0) {
-    Error = "cannot write record file " + path_ + ": " + std::strerror(errno);
+  if (!out_->Append(JsonLine(line) + "\n", Error)) {
+    Error = "cannot write record file " + path_ + ": " + Error;
     return false;
   }
   return true;

@@ -1,44 +1,45 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "cli/record_file.h"
 #include "cli/upload_display.h"
 
 namespace palimbo::cli {
 
+/// What a record says of the firmware of a run: the file as named, its image's length and CRC,
+/// and the SHA-256 of the file's bytes, all from the run's one read of the file.
+struct RecordedFirmware {
+  std::string File;
+  size_t ImageBytes = 0;
+  int32_t ImageCrc = 0;
+  std::string FileSha256;
+};
+
 /// The record of uploads: one JSON line per upload appended to a file, for the books of a
-/// production line. Every line is written whole in one write and flushed at once, into a file
-/// opened for appending, so a crash loses no finished line and two stations may share a file.
-/// Safe for the jobs of several modules at once.
+/// production line. Each line goes in whole, on a line of its own, and is on the disk before
+/// the upload counts as recorded; stations on one machine may share the file. Safe for the
+/// jobs of several modules at once.
 class UploadRecord {
  public:
   /// Opens `Path` for appending, creating it; nothing, and why in `Error`, when it cannot.
-  /// `File`, `ImageBytes` and `ImageCrc` describe the firmware every line is about.
-  static std::unique_ptr<UploadRecord> Open(const std::string& Path, const std::string& File,
-                                            size_t ImageBytes, int32_t ImageCrc,
+  static std::unique_ptr<UploadRecord> Open(const std::string& Path, RecordedFirmware Firmware,
                                             std::string& Error);
-  ~UploadRecord();
-  UploadRecord(const UploadRecord&) = delete;
-  UploadRecord& operator=(const UploadRecord&) = delete;
 
   /// Appends the line of one upload; `Module` is its number in a station's run, 0 outside one.
-  /// False, and why in `Error`, when the line could not be written whole.
+  /// False, and why in `Error`, when the line is not in the file.
   bool Append(const ModuleResult& Result, int32_t Module, std::string& Error);
 
  private:
-  UploadRecord(std::FILE* Out, std::string Path, std::string File, size_t ImageBytes,
-               int32_t ImageCrc);
+  UploadRecord(std::unique_ptr<RecordFile> Out, std::string Path, RecordedFirmware Firmware);
 
   std::mutex lock_;
-  std::FILE* out_;
+  std::unique_ptr<RecordFile> out_;
   std::string path_;
-  std::string file_;
-  size_t image_bytes_;
-  int32_t image_crc_;
+  RecordedFirmware firmware_;
   std::string host_;
 };
 

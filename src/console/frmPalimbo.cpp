@@ -31,6 +31,7 @@
 #include "console/serial_ports.h"
 #include "console/window_icon.h"
 #include "serial/comm.h"
+#include "serial/serial_remote.h"
 #include "upload/upload.h"
 
 namespace palimbo {
@@ -393,6 +394,13 @@ void frmPalimbo::cmdStart_Click() {
     if (upload_running_) return;
     SaveSetting(QStringLiteral("Port"), cmbComPort->currentText());
     SaveSetting(QStringLiteral("File"), txtFirmwareFile->text());
+    // A mistyped network port is told in the list, and no job starts for it.
+    std::string UrlError;
+    const std::string PortName = Bytes(cmbComPort->currentText());
+    if (IsRemotePortName(PortName) && !ParseRemotePortUrl(PortName, UrlError)) {
+      Log(Text(UrlError));
+      return;
+    }
     job_->Cancel = false;
     SetCaption(cmdStart, QLatin1String(kCancelCaption));
     upload_running_ = true;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "image/file_digest.h"
 #include "image/file_read.h"
 
 namespace palimbo {
@@ -182,7 +183,10 @@ HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted) {
   HexReadResult result;
   switch (file.Problem) {
     case FileProblem::None:
-      return ReadHexText(file.Bytes, IsEncrypted);
+      // The digest is of the very bytes the image comes from, so a record can name them.
+      result = ReadHexText(file.Bytes, IsEncrypted);
+      result.FileSha256 = Sha256Hex(file.Bytes);
+      return result;
     case FileProblem::NotRegular:
       result.Reason = "not a regular file (" + file.Detail + ")";
       break;

@@ -20,6 +20,7 @@ inline constexpr size_t kHexFileMaxBytes = size_t{16} << 20;
 struct HexReadResult {
   std::string FirmwareString;  ///< the flat image; byte n belongs at device address n
   std::string Reason;          ///< empty when the read succeeded
+  std::string FileSha256;      ///< SHA-256 of the file's bytes as read, when a file was read
   bool Ok() const { return Reason.empty(); }
 };
 

@@ -1,10 +1,41 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace palimbo {
+
+/// One address a name stands for, as the system's connect takes it.
+struct SocketAddress {
+  int Family = 0;
+  int Type = 0;
+  int Protocol = 0;
+  std::string Bytes;  ///< the system's socket address structure
+};
+
+/// Looks up the addresses of `Host` and `Port`; may take as long as the name service does.
+/// Nothing, and why in `Error`, when the name has no address.
+using Resolver = std::function<std::vector<SocketAddress>(
+    const std::string& Host, const std::string& Port, std::string& Error)>;
+
+/// The system's name service (getaddrinfo).
+std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
+                                             std::string& Error);
+
+/// What a connect may wait for, and who may stop it.
+struct ConnectLimits {
+  /// For the name lookup, and again for each address it gives.
+  int32_t TimeoutMs = 5000;
+  /// Asked at least every 50 ms while the connect waits; true ends it with `kConnectCancelled`.
+  std::function<bool()> Interrupted;
+  Resolver Resolve = ResolveWithSystem;
+};
+
+/// The `Error` of a connect that `ConnectLimits::Interrupted` stopped.
+inline constexpr const char* kConnectCancelled = "cancelled";
 
 /// A connected TCP stream of the platform (BSD sockets or Winsock, chosen at build time), in
 /// non-blocking mode with TCP_NODELAY, so that a short request leaves at once.
@@ -12,10 +43,11 @@ namespace palimbo {
 /// Every call returns at once but `Connect` and `Wait`, which wait at most what they are given.
 class NetSocket {
  public:
-  /// Resolves `Host` and connects to `Port` within `TimeoutMs`; nothing and the reason in
-  /// `Error` when no address answers.
+  /// Resolves `Host` and connects to `Port` within the limits; nothing and the reason in
+  /// `Error` when no address answers. A name service that does not answer in time is left to
+  /// finish on its own thread.
   static std::optional<NetSocket> Connect(const std::string& Host, const std::string& Port,
-                                          int32_t TimeoutMs, std::string& Error);
+                                          const ConnectLimits& Limits, std::string& Error);
 
   NetSocket(NetSocket&& Other) noexcept;
   NetSocket& operator=(NetSocket&& Other) noexcept;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -43,6 +44,10 @@ class SerialBackend {
   /// Waits until input is waiting or `MaxMicros` have passed, whichever is first.
   /// Returns at once when input is already waiting or the handle is not open.
   virtual void WaitForInput(int32_t Handle, int32_t MaxMicros) = 0;
+  /// Asked now and then while an `Open` waits (for a name, a connection, a server's word);
+  /// true stops that open, which then fails with "cancelled". Ports that open at once never
+  /// wait and never ask.
+  virtual void SetOpenInterrupt(std::function<bool()> Interrupted) { (void)Interrupted; }
 };
 
 /// The serial ports of the machine the program runs on (termios or Win32, chosen at build time),

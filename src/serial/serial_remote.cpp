@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <iterator>
 #include <limits>
 #include <tuple>
 #include <vector>
@@ -19,8 +20,10 @@ using SteadyTime = std::chrono::steady_clock;
 
 // A server that takes this long to accept the connection is not there.
 constexpr int32_t kConnectTimeoutMs = 5000;
-// How long the server has to confirm each line setting at open.
+// How long the server has to agree to the options and confirm each line setting at open.
 constexpr auto kSettingsTimeout = std::chrono::milliseconds(3000);
+// The longest an open waits without asking whether it is still wanted.
+constexpr int32_t kAskEveryMicros = 50'000;
 // Bytes taken from the connection at one look at most.
 constexpr size_t kMaxPumpBytes = 65536;
 // A connection that takes no data for this long is dead for the write that waits on it.
@@ -51,6 +54,79 @@ size_t HostEnd(std::string_view Text) {
     return close + 1;
   }
   return Text.find(':');
+}
+
+// The schemes of network ports.
+struct RemoteScheme {
+  std::string_view Name;
+  bool Telnet;
+};
+constexpr RemoteScheme kSchemes[] = {{"rfc2217", true}, {"socket", false}};
+
+bool AllDigits(std::string_view Text) {
+  return !Text.empty() &&
+         std::all_of(Text.begin(), Text.end(), [](char C) { return C >= '0' && C <= '9'; });
+}
+
+// The pieces of `Text` between the `Separator`s, empty ones too.
+std::vector<std::string_view> Split(std::string_view Text, char Separator) {
+  std::vector<std::string_view> parts;
+  for (size_t at = 0;;) {
+    const size_t next = Text.find(Separator, at);
+    parts.push_back(Text.substr(at, next - at));
+    if (next == std::string_view::npos) return parts;
+    at = next + 1;
+  }
+}
+
+// Four numbers from 0 to 255 between dots.
+bool IsIpv4(std::string_view Text) {
+  const auto parts = Split(Text, '.');
+  return parts.size() == 4 && std::all_of(parts.begin(), parts.end(), [](std::string_view P) {
+           return AllDigits(P) && P.size() <= 3 && std::stoi(std::string(P)) <= 255;
+         });
+}
+
+// Eight groups of up to four hex digits, a "::" once for a run of zero groups, and the last
+// two groups perhaps written as an IPv4 address.
+bool IsIpv6(std::string_view Text) {
+  const size_t gap = Text.find("::");
+  if (gap != std::string_view::npos && Text.find("::", gap + 1) != std::string_view::npos) {
+    return false;
+  }
+  size_t groups = 0;
+  const auto countGroups = [&](std::string_view Part, bool MayEndInIpv4) {
+    if (Part.empty()) return true;
+    const auto parts = Split(Part, ':');
+    for (size_t i = 0; i < parts.size(); ++i) {
+      if (MayEndInIpv4 && i + 1 == parts.size() && IsIpv4(parts[i])) {
+        groups += 2;
+      } else if (parts[i].empty() || parts[i].size() > 4 ||
+                 !std::all_of(parts[i].begin(), parts[i].end(), [](char C) {
+                   return std::isxdigit(static_cast<unsigned char>(C));
+                 })) {
+        return false;
+      } else {
+        ++groups;
+      }
+    }
+    return true;
+  };
+  if (gap == std::string_view::npos) return countGroups(Text, true) && groups == 8;
+  return countGroups(Text.substr(0, gap), false) && countGroups(Text.substr(gap + 2), true) &&
+         groups <= 7;
+}
+
+// A DNS name (labels of letters, digits and hyphens between dots) or an IPv4 address; a name of
+// digits and dots only is read as an address by the resolver, so it must be a whole one.
+bool IsHost(std::string_view Text) {
+  if (Text.find_first_not_of("0123456789.") == std::string_view::npos) return IsIpv4(Text);
+  const auto labels = Split(Text, '.');
+  return std::all_of(labels.begin(), labels.end(), [](std::string_view L) {
+    return !L.empty() && std::all_of(L.begin(), L.end(), [](char C) {
+      return (C >= 'a' && C <= 'z') || (C >= 'A' && C <= 'Z') || (C >= '0' && C <= '9') || C == '-';
+    });
+  });
 }
 
 std::string EncodeBig(uint32_t Value, int Bytes) {
@@ -141,8 +217,12 @@ class RemoteSerialBackend final : public SerialBackend {
   void Close(int32_t Handle) override;
   void RaiseDtr(int32_t Handle) override;
   void WaitForInput(int32_t Handle, int32_t MaxMicros) override;
+  void SetOpenInterrupt(std::function<bool()> Interrupted) override {
+    interrupted_ = std::move(Interrupted);
+  }
 
  private:
+  bool Interrupted() const { return interrupted_ && interrupted_(); }
   Connection* Find(int32_t Handle) {
     for (auto& c : open_) {
       if (c->Handle == Handle) return c.get();
@@ -159,10 +239,11 @@ class RemoteSerialBackend final : public SerialBackend {
   // Takes what has arrived and answers the server's questions; an ended stream leaves its
   // reason in ClosedWhy.
   void Pump(Connection& C);
-  // Sends everything or fails; the count of bytes the server took.
-  size_t SendAll(Connection& C, const std::string& Bytes, std::string& Error);
-  // Sends the line settings and the purge and waits for the server's word on each setting;
-  // empty when the server took them all, else why not.
+  // Sends everything or fails; the count of bytes the server took. `Data` waits while the
+  // server's flow control holds it; the protocol's own messages never wait for that.
+  size_t SendAll(Connection& C, const std::string& Bytes, bool Data, std::string& Error);
+  // Agrees on the options, then sends the line settings and the purge and waits for the
+  // server's word on each setting; empty when the server took them all, else why not.
   std::string NegotiateSettings(Connection& C, const LineSettings& Wanted, const std::string& Text);
   void Lose(int32_t Handle, std::string Reason);
 
@@ -171,6 +252,7 @@ class RemoteSerialBackend final : public SerialBackend {
   int32_t next_handle_ = 0;
   std::string last_error_;
   std::string lost_reason_;
+  std::function<bool()> interrupted_;
 };
 
 int32_t RemoteSerialBackend::Open(const std::string& PortName,
@@ -187,8 +269,12 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
   const auto wanted = ParseLineSettings(settings);
   if (!wanted) return FailOpen("bad line settings '" + settings + "'");
 
-  auto socket = NetSocket::Connect(url->Host, url->Port, kConnectTimeoutMs, error);
-  if (!socket) return FailOpen("cannot connect to " + url->Host + ":" + url->Port + ": " + error);
+  auto socket = NetSocket::Connect(url->Host, url->Port, {kConnectTimeoutMs, interrupted_}, error);
+  if (!socket) {
+    return FailOpen(error == kConnectCancelled
+                        ? error
+                        : "cannot connect to " + url->Host + ":" + url->Port + ": " + error);
+  }
   auto c = std::unique_ptr<Connection>(
       new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}});
   if (c->Url.Telnet) {
@@ -208,16 +294,12 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
 std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSettings& Wanted,
                                                    const std::string& Text) {
   std::vector<SettingRequest> requests = SettingRequestsFor(Wanted);
-  std::string out = C.Decoder.Greeting();
-  for (const SettingRequest& r : requests) {
-    out += ComPortCommand(r.Command, EncodeBig(r.Value, r.Bytes));
-  }
-  out += ComPortCommand(comport::PURGE_DATA, std::string(1, comport::PURGE_BOTH));
   std::string error;
-  if (SendAll(C, out, error) != out.size()) {
+  const std::string greeting = C.Decoder.Greeting();
+  if (SendAll(C, greeting, false, error) != greeting.size()) {
     return "cannot send line settings: " + error;
   }
-
+  bool settingsSent = false;
   const auto deadline = SteadyTime::now() + kSettingsTimeout;
   for (;;) {
     Pump(C);
@@ -234,20 +316,43 @@ std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSett
       }
     }
     C.Decoder.Notices().clear();
-    if (C.Decoder.ComPortRefused()) {
+    if (C.Decoder.Ours(telnet::COM_PORT_OPTION) == OptionState::Off) {
       return "the server does not take line settings (no RFC 2217); use socket://";
     }
-    if (std::all_of(requests.begin(), requests.end(),
+    // Without BINARY both ways Telnet may change a CR and the byte behind it.
+    for (const bool ours : {true, false}) {
+      if ((ours ? C.Decoder.Ours(telnet::BINARY) : C.Decoder.Theirs(telnet::BINARY)) ==
+          OptionState::Off) {
+        return std::string("the server refused binary transfer (Telnet BINARY) ") +
+               (ours ? "from" : "to") + " this computer; bytes could change on the way";
+      }
+    }
+    // A server ignores port commands that come before it has taken up the option.
+    if (!settingsSent && C.Decoder.Ours(telnet::COM_PORT_OPTION) == OptionState::On) {
+      std::string out;
+      for (const SettingRequest& r : requests) {
+        out += ComPortCommand(r.Command, EncodeBig(r.Value, r.Bytes));
+      }
+      out += ComPortCommand(comport::PURGE_DATA, std::string(1, comport::PURGE_BOTH));
+      if (SendAll(C, out, false, error) != out.size()) return "cannot send line settings: " + error;
+      settingsSent = true;
+    }
+    const bool binary = C.Decoder.Ours(telnet::BINARY) == OptionState::On &&
+                        C.Decoder.Theirs(telnet::BINARY) == OptionState::On;
+    if (settingsSent && binary &&
+        std::all_of(requests.begin(), requests.end(),
                     [](const SettingRequest& r) { return r.Confirmed; })) {
       return {};
     }
     if (!C.ClosedWhy.empty()) return "the server closed the connection";
+    if (Interrupted()) return kConnectCancelled;
     const int64_t left = MicrosUntil(deadline);
     if (left <= 0) {
-      return "the server did not confirm line settings '" + Text + "' within " +
-             std::to_string(kSettingsTimeout.count() / 1000) + " s";
+      const std::string within = std::to_string(kSettingsTimeout.count() / 1000) + " s";
+      if (!binary) return "the server did not agree to binary transfer within " + within;
+      return "the server did not confirm line settings '" + Text + "' within " + within;
     }
-    C.Socket.Wait(false, static_cast<int32_t>(left));
+    C.Socket.Wait(false, static_cast<int32_t>(std::min<int64_t>(left, kAskEveryMicros)));
   }
 }
 
@@ -273,25 +378,37 @@ void RemoteSerialBackend::Pump(Connection& C) {
   }
   // The server's questions are answered at once; a failure shows at the next read.
   std::string error;
-  if (!replies.empty()) SendAll(C, replies, error);
+  if (!replies.empty()) SendAll(C, replies, false, error);
   // After open nobody asks for the server's notices; only the open's wait looks at them.
   if (C.Decoder.Notices().size() > 64) C.Decoder.Notices().clear();
 }
 
-size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, std::string& Error) {
+size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, bool Data,
+                                    std::string& Error) {
   const auto deadline = SteadyTime::now() + kWriteTimeout;
   size_t done = 0;
   while (done < Bytes.size()) {
-    const int64_t n = C.Socket.Send(Bytes.data() + done, Bytes.size() - done, Error);
-    if (n < 0) return done;
-    done += static_cast<size_t>(n);
-    if (done == Bytes.size()) break;
-    const int64_t left = MicrosUntil(deadline);
-    if (left <= 0) {
-      Error = "the server took no data for " + std::to_string(kWriteTimeout.count() / 1000) + " s";
+    // The server's word to hold the data may be waiting unread.
+    if (Data && C.Url.Telnet) Pump(C);
+    const bool held = Data && C.Decoder.Suspended();
+    if (held && !C.ClosedWhy.empty()) {
+      Error = C.ClosedWhy;
       return done;
     }
-    C.Socket.Wait(true, static_cast<int32_t>(std::min<int64_t>(left, 100'000)));
+    if (!held) {
+      const int64_t n = C.Socket.Send(Bytes.data() + done, Bytes.size() - done, Error);
+      if (n < 0) return done;
+      done += static_cast<size_t>(n);
+      if (done == Bytes.size()) break;
+    }
+    const int64_t left = MicrosUntil(deadline);
+    if (left <= 0) {
+      Error = std::string(held ? "the server held the data back" : "the server took no data") +
+              " for " + std::to_string(kWriteTimeout.count() / 1000) + " s";
+      return done;
+    }
+    // Held data waits for the server's word to go on, which arrives as input.
+    C.Socket.Wait(!held, static_cast<int32_t>(std::min<int64_t>(left, 100'000)));
   }
   return done;
 }
@@ -332,7 +449,7 @@ int32_t RemoteSerialBackend::Write(int32_t Handle, const std::string& Data) {
   if (c == nullptr) return 0;
   const std::string wire = c->Url.Telnet ? TelnetEscape(Data) : Data;
   std::string error;
-  const size_t sent = SendAll(*c, wire, error);
+  const size_t sent = SendAll(*c, wire, true, error);
   if (sent == wire.size()) return static_cast<int32_t>(Data.size());
   lost_reason_ = error;
   // Counts the data bytes that went out whole; a doubled 0xFF counts once both halves went.
@@ -354,7 +471,8 @@ void RemoteSerialBackend::RaiseDtr(int32_t Handle) {
   if (c == nullptr || !c->Url.Telnet) return;
   // Not waited for: a server in front of a line without modem signals never confirms it.
   std::string error;
-  SendAll(*c, ComPortCommand(comport::SET_CONTROL, std::string(1, comport::CONTROL_DTR_ON)), error);
+  SendAll(*c, ComPortCommand(comport::SET_CONTROL, std::string(1, comport::CONTROL_DTR_ON)), false,
+          error);
 }
 
 void RemoteSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
@@ -366,50 +484,84 @@ void RemoteSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
 }  // namespace
 
 bool IsRemotePortName(std::string_view Name) {
-  return StartsWithNoCase(Name, "rfc2217:") || StartsWithNoCase(Name, "socket:");
+  return std::any_of(std::begin(kSchemes), std::end(kSchemes), [&](const RemoteScheme& S) {
+    return StartsWithNoCase(Name, std::string(S.Name) + ":");
+  });
 }
 
 std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::string& Error) {
-  RemotePortUrl url;
-  std::string_view rest;
-  if (StartsWithNoCase(Name, "rfc2217://")) {
-    url.Telnet = true;
-    rest = Name.substr(10);
-  } else if (StartsWithNoCase(Name, "socket://")) {
-    rest = Name.substr(9);
-  } else {
+  const std::string quoted = "'" + std::string(Name) + "'";
+  const size_t schemeEnd = Name.find("://");
+  const RemoteScheme* scheme = nullptr;
+  for (const RemoteScheme& s : kSchemes) {
+    if (schemeEnd == s.Name.size() && StartsWithNoCase(Name, s.Name)) scheme = &s;
+  }
+  if (scheme == nullptr) {
+    Error = quoted + " is no network port: write rfc2217://HOST:PORT or socket://HOST:PORT";
+    return std::nullopt;
+  }
+  const std::string form = std::string(scheme->Name) + "://";
+  const std::string_view rest = Name.substr(schemeEnd + 3);
+  const size_t end = rest.find_first_of("/?#");
+  if (end != std::string_view::npos) {
+    Error = quoted + " has '" + std::string(rest.substr(end)) + "' behind the port: write " + form +
+            "HOST:PORT";
+    return std::nullopt;
+  }
+  // The port follows the last ":", or the bracket that closes an IPv6 address.
+  const size_t close = rest.starts_with('[') ? rest.find(']') : std::string_view::npos;
+  const size_t colon = close != std::string_view::npos
+                           ? (rest.substr(close + 1).starts_with(':') ? close + 1 : rest.size())
+                           : std::min(rest.rfind(':'), rest.size());
+  const std::string_view host = rest.substr(0, colon);
+  const std::string_view port = rest.substr(std::min(colon + 1, rest.size()));
+  if (host.empty()) {
+    Error = quoted + " has no host: write " + form + "HOST:PORT";
+    return std::nullopt;
+  }
+  if (port.empty()) {
     Error =
-        "'" + std::string(Name) + "' is no network port: rfc2217://HOST:PORT or socket://HOST:PORT";
+        quoted + " has no port: write " + form + "HOST:PORT, as in " + form + "192.168.1.20:3001";
     return std::nullopt;
   }
-  const size_t hostEnd = HostEnd(rest);
-  const std::string_view port = hostEnd == std::string_view::npos ? "" : rest.substr(hostEnd + 1);
-  std::string_view host = rest.substr(0, hostEnd);
-  if (host.size() >= 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
-  const bool portOk =
-      !port.empty() && port.size() <= 5 &&
-      std::all_of(port.begin(), port.end(), [](char c) { return c >= '0' && c <= '9'; }) &&
-      std::stoi(std::string(port)) >= 1 && std::stoi(std::string(port)) <= 65535;
-  if (host.empty() || !portOk) {
-    Error = "'" + std::string(Name) + "' wants a host and a TCP port from 1 to 65535, as in " +
-            (url.Telnet ? "rfc2217" : "socket") + "://192.168.1.20:3001";
+  const bool bracketed = host.front() == '[' && host.back() == ']';
+  if (bracketed ? !IsIpv6(host.substr(1, host.size() - 2)) : !IsHost(host)) {
+    Error = quoted + ": host '" + std::string(host) +
+            "' is not a name, an IPv4 address or an [IPv6] address";
     return std::nullopt;
   }
-  url.Host = host;
-  url.Port = port;
+  if (!AllDigits(port)) {
+    Error = quoted + ": port '" + std::string(port) + "' is not a number from 1 to 65535";
+    return std::nullopt;
+  }
+  // Long enough to stand above the range, short enough to stay an int.
+  const int value = port.size() > 6 ? 1'000'000 : std::stoi(std::string(port));
+  if (value < 1 || value > 65535) {
+    Error = quoted + ": port " + std::string(port) + " is not from 1 to 65535";
+    return std::nullopt;
+  }
+  RemotePortUrl url;
+  url.Telnet = scheme->Telnet;
+  url.Host = bracketed ? host.substr(1, host.size() - 2) : host;
+  url.Port = std::to_string(value);
   return url;
 }
 
 std::optional<std::pair<std::string, std::string>> SplitRemoteSetting(const std::string& PortName,
                                                                       const std::string& Rest) {
-  if (!IsRemotePortName(PortName + ":") || Rest.rfind("//", 0) != 0) return std::nullopt;
+  if (!IsRemotePortName(PortName + ":") || !Rest.starts_with("//")) return std::nullopt;
   const std::string_view address = std::string_view(Rest).substr(2);
   const size_t hostEnd = HostEnd(address);
-  if (hostEnd == std::string_view::npos) return std::nullopt;
-  const size_t settingsColon = address.find(':', hostEnd + 1);
-  if (settingsColon == std::string_view::npos) return std::nullopt;
-  return std::pair{PortName + "://" + std::string(address.substr(0, settingsColon)),
-                   std::string(address.substr(settingsColon + 1))};
+  size_t cut = std::string_view::npos;
+  if (hostEnd != std::string_view::npos) {
+    cut = address.find(':', hostEnd + 1);
+    // One ":" behind the host leads to a port (digits) or to line settings without a port.
+    if (cut == std::string_view::npos && !AllDigits(address.substr(hostEnd + 1))) cut = hostEnd;
+  }
+  // Without line settings the whole is the name, and opening it says what is wrong.
+  if (cut == std::string_view::npos) return std::pair{PortName + ":" + Rest, std::string()};
+  return std::pair{PortName + "://" + std::string(address.substr(0, cut)),
+                   std::string(address.substr(cut + 1))};
 }
 
 std::unique_ptr<SerialBackend> MakeRemoteSerialBackend() {

@@ -1,4 +1,6 @@
+#include <functional>
 #include <memory>
+#include <utility>
 
 #include "serial/serial_backend.h"
 #include "serial/serial_remote.h"
@@ -44,6 +46,10 @@ class SelectingSerialBackend final : public SerialBackend {
   void WaitForInput(int32_t Handle, int32_t MaxMicros) override {
     IsRemote(Handle) ? remote_->WaitForInput(Handle - kRemoteHandleBase, MaxMicros)
                      : local_->WaitForInput(Handle, MaxMicros);
+  }
+  void SetOpenInterrupt(std::function<bool()> Interrupted) override {
+    local_->SetOpenInterrupt(Interrupted);
+    remote_->SetOpenInterrupt(std::move(Interrupted));
   }
 
  private:

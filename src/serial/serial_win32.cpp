@@ -6,28 +6,13 @@
 #include <vector>
 
 #include "serial/serial_backend.h"
+#include "serial/system_message.h"
 
 namespace palimbo {
 namespace {
 
 // Queue sizes asked of the driver for both directions.
 constexpr DWORD kQueueSize = 2048;
-
-std::string SystemMessage(DWORD Code) {
-  char* text = nullptr;
-  const DWORD length = ::FormatMessageA(
-      FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-      nullptr, Code, 0, reinterpret_cast<char*>(&text), 0, nullptr);
-  std::string message = length != 0 && text != nullptr ? std::string(text, length)
-                                                       : "system error " + std::to_string(Code);
-  if (text != nullptr) ::LocalFree(text);
-  // The system's texts end with a full stop and a line break, which a front end adds itself.
-  while (!message.empty() && (message.back() == '\r' || message.back() == '\n' ||
-                              message.back() == ' ' || message.back() == '.')) {
-    message.pop_back();
-  }
-  return message;
-}
 
 // Errors by which a port tells that it is gone: a USB adapter pulled out, a driver that
 // dropped the device.

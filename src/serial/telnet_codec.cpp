@@ -50,55 +50,51 @@ std::string ComPortCommand(uint8_t Command, std::string_view Value) {
 std::string TelnetDecoder::Greeting() {
   std::string out;
   for (const uint8_t option : {telnet::BINARY, telnet::SGA, telnet::COM_PORT_OPTION}) {
-    we_will_[option] = true;
+    options_[kOurs][option] = OptionState::Asked;
     AppendCommand(out, telnet::WILL, option);
   }
   for (const uint8_t option : {telnet::BINARY, telnet::SGA}) {
-    they_will_[option] = true;
+    options_[kTheirs][option] = OptionState::Asked;
     AppendCommand(out, telnet::DO, option);
   }
   return out;
 }
 
 void TelnetDecoder::Negotiate(uint8_t Verb, uint8_t Option, std::string& Replies) {
-  switch (Verb) {
-    case telnet::DO:
-      if (Option == telnet::COM_PORT_OPTION) com_port_accepted_ = true;
-      if (WeOffer(Option)) {
-        if (!we_will_[Option]) AppendCommand(Replies, telnet::WILL, Option);
-        we_will_[Option] = true;
-      } else if (!refused_[Option]) {
-        refused_[Option] = true;
-        AppendCommand(Replies, telnet::WONT, Option);
-      }
-      break;
-    case telnet::DONT:
-      if (Option == telnet::COM_PORT_OPTION) com_port_refused_ = true;
-      if (we_will_[Option]) AppendCommand(Replies, telnet::WONT, Option);
-      we_will_[Option] = false;
-      break;
-    case telnet::WILL:
-      if (WeAccept(Option)) {
-        if (!they_will_[Option]) AppendCommand(Replies, telnet::DO, Option);
-        they_will_[Option] = true;
-      } else if (!refused_[Option]) {
-        refused_[Option] = true;
-        AppendCommand(Replies, telnet::DONT, Option);
-      }
-      break;
-    case telnet::WONT:
-      if (they_will_[Option]) AppendCommand(Replies, telnet::DONT, Option);
-      they_will_[Option] = false;
-      break;
-    default:
-      break;
+  const int side = Verb == telnet::DO || Verb == telnet::DONT ? kOurs : kTheirs;
+  const bool enable = Verb == telnet::DO || Verb == telnet::WILL;
+  const uint8_t yes = side == kOurs ? telnet::WILL : telnet::DO;
+  const uint8_t no = side == kOurs ? telnet::WONT : telnet::DONT;
+  OptionState& state = options_[side][Option];
+  if (!enable) {
+    // Switching off a side that was on is confirmed; a refusal of our request needs no answer.
+    if (state == OptionState::On) AppendCommand(Replies, no, Option);
+    state = OptionState::Off;
+    return;
   }
+  if (state == OptionState::Off) {
+    if (!(side == kOurs ? WeOffer(Option) : WeAccept(Option))) {
+      if (!refused_[side][Option]) AppendCommand(Replies, no, Option);
+      refused_[side][Option] = true;
+      return;
+    }
+    AppendCommand(Replies, yes, Option);
+  }
+  // From Asked this is the answer to our own request, which needs none.
+  state = OptionState::On;
 }
 
 void TelnetDecoder::EndSub() {
   if (sub_.size() >= 2 && static_cast<uint8_t>(sub_[0]) == telnet::COM_PORT_OPTION &&
-      sub_.size() <= kMaxSubLength && notices_.size() < kMaxNotices) {
-    notices_.push_back({static_cast<uint8_t>(sub_[1]), sub_.substr(2)});
+      sub_.size() <= kMaxSubLength) {
+    const auto command = static_cast<uint8_t>(sub_[1]);
+    if (command == comport::FLOWCONTROL_SUSPEND + comport::SERVER_OFFSET) {
+      suspended_ = true;
+    } else if (command == comport::FLOWCONTROL_RESUME + comport::SERVER_OFFSET) {
+      suspended_ = false;
+    } else if (notices_.size() < kMaxNotices) {
+      notices_.push_back({command, sub_.substr(2)});
+    }
   }
   sub_.clear();
 }
@@ -106,10 +102,10 @@ void TelnetDecoder::EndSub() {
 void TelnetDecoder::Feed(std::string_view Bytes, std::string& Data, std::string& Replies) {
   for (const char c : Bytes) {
     const auto byte = static_cast<uint8_t>(c);
-    switch (state_) {
+    switch (parse_) {
       case State::Data:
         if (byte == telnet::IAC) {
-          state_ = State::Command;
+          parse_ = State::Command;
         } else {
           Data += c;
         }
@@ -117,12 +113,12 @@ void TelnetDecoder::Feed(std::string_view Bytes, std::string& Data, std::string&
       case State::SubIac:
         if (byte == telnet::IAC) {
           if (sub_.size() <= kMaxSubLength) sub_ += c;
-          state_ = State::Sub;
+          parse_ = State::Sub;
           break;
         }
         if (byte == telnet::SE) {
           EndSub();
-          state_ = State::Data;
+          parse_ = State::Data;
           break;
         }
         // A command inside a subnegotiation ends it unfinished; the command itself counts.
@@ -131,25 +127,25 @@ void TelnetDecoder::Feed(std::string_view Bytes, std::string& Data, std::string&
       case State::Command:
         if (byte == telnet::IAC) {
           Data += c;
-          state_ = State::Data;
+          parse_ = State::Data;
         } else if (byte >= telnet::WILL) {
           verb_ = byte;
-          state_ = State::Option;
+          parse_ = State::Option;
         } else if (byte == telnet::SB) {
           sub_.clear();
-          state_ = State::Sub;
+          parse_ = State::Sub;
         } else {
           // NOP, GA, SE without SB and the rest mean nothing to a serial line.
-          state_ = State::Data;
+          parse_ = State::Data;
         }
         break;
       case State::Option:
         Negotiate(verb_, byte, Replies);
-        state_ = State::Data;
+        parse_ = State::Data;
         break;
       case State::Sub:
         if (byte == telnet::IAC) {
-          state_ = State::SubIac;
+          parse_ = State::SubIac;
         } else if (sub_.size() <= kMaxSubLength) {
           sub_ += c;
         }

@@ -29,6 +29,8 @@ inline constexpr uint8_t SET_DATASIZE = 2;
 inline constexpr uint8_t SET_PARITY = 3;
 inline constexpr uint8_t SET_STOPSIZE = 4;
 inline constexpr uint8_t SET_CONTROL = 5;
+inline constexpr uint8_t FLOWCONTROL_SUSPEND = 8;
+inline constexpr uint8_t FLOWCONTROL_RESUME = 9;
 inline constexpr uint8_t PURGE_DATA = 12;
 inline constexpr uint8_t SERVER_OFFSET = 100;
 inline constexpr uint8_t CONTROL_DTR_ON = 8;
@@ -49,47 +51,54 @@ std::string TelnetEscape(std::string_view Data);
 /// One COM-PORT-OPTION subnegotiation from client to server, its value escaped.
 std::string ComPortCommand(uint8_t Command, std::string_view Value);
 
+/// Where one side of an option stands: off, asked for and not yet answered, or on.
+enum class OptionState : uint8_t { Off, Asked, On };
+
 /// The client's side of a Telnet stream: takes what the server sends in any pieces, hands on
 /// the data bytes with doubled 0xFF undone, answers the server's option requests and collects
 /// its COM-PORT-OPTION messages.
 ///
-/// The client offers BINARY, SGA and COM-PORT-OPTION and accepts BINARY and SGA from the
-/// server; every other option is refused, and an option is answered only when its state
-/// changes, so two peers never loop on each other. Anything the protocol does not know (a
-/// lone command byte, an unknown subnegotiation) is dropped without harm to the data.
+/// The client offers BINARY, SGA and COM-PORT-OPTION and asks the server for BINARY and SGA;
+/// every other option is refused, once in each direction however often a peer asks. A request
+/// is answered only when it changes an option's state, and a refusal of the client's own
+/// request needs no answer, so two peers never loop on each other. Anything the protocol does
+/// not know (a lone command byte, an unknown subnegotiation) is dropped without harm to the
+/// data.
 class TelnetDecoder {
  public:
-  /// The client's opening offers, to be sent first.
+  /// The client's opening offers and requests, to be sent first.
   std::string Greeting();
 
   /// Decodes `Bytes`, appending data to `Data` and the answers due to `Replies`.
   void Feed(std::string_view Bytes, std::string& Data, std::string& Replies);
 
-  /// The COM-PORT-OPTION messages decoded so far, oldest first; the caller takes them.
+  /// The COM-PORT-OPTION messages decoded so far, oldest first; the caller takes them. The
+  /// server's flow control is not among them: it shows in `Suspended`.
   std::vector<ComPortNotice>& Notices() { return notices_; }
 
-  /// True once the server has said DO COM-PORT-OPTION.
-  bool ComPortAccepted() const { return com_port_accepted_; }
-  /// True once the server has said DONT COM-PORT-OPTION.
-  bool ComPortRefused() const { return com_port_refused_; }
+  /// Whether the client does `Option`: on once the server said DO to its WILL.
+  OptionState Ours(uint8_t Option) const { return options_[kOurs][Option]; }
+  /// Whether the server does `Option`: on once it said WILL to the client's DO.
+  OptionState Theirs(uint8_t Option) const { return options_[kTheirs][Option]; }
+  /// True from the server's FLOWCONTROL-SUSPEND until its FLOWCONTROL-RESUME: the client
+  /// holds its data back meanwhile.
+  bool Suspended() const { return suspended_; }
 
  private:
   enum class State { Data, Command, Option, Sub, SubIac };
+  static constexpr int kOurs = 0;
+  static constexpr int kTheirs = 1;
 
   void Negotiate(uint8_t Verb, uint8_t Option, std::string& Replies);
   void EndSub();
 
-  State state_ = State::Data;
+  State parse_ = State::Data;
   uint8_t verb_ = 0;
   std::string sub_;
   std::vector<ComPortNotice> notices_;
-  // What each side has said or been asked of an option, so that only changes are answered;
-  // a refusal goes out once an option however often a peer asks again.
-  bool we_will_[256] = {};
-  bool they_will_[256] = {};
-  bool refused_[256] = {};
-  bool com_port_accepted_ = false;
-  bool com_port_refused_ = false;
+  OptionState options_[2][256] = {};
+  bool refused_[2][256] = {};
+  bool suspended_ = false;
 };
 
 }  // namespace palimbo

@@ -1,6 +1,7 @@
 #include "serial/trace_backend.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace palimbo {
 
@@ -46,6 +47,10 @@ void TraceBackend::RaiseDtr(int32_t Handle) {
 
 void TraceBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
   inner_.WaitForInput(Handle, MaxMicros);
+}
+
+void TraceBackend::SetOpenInterrupt(std::function<bool()> Interrupted) {
+  inner_.SetOpenInterrupt(std::move(Interrupted));
 }
 
 void TraceBackend::TraceChunk(char Direction, const char* Bytes, size_t Count) {

@@ -30,6 +30,7 @@ class TraceBackend final : public SerialBackend {
   void Close(int32_t Handle) override;
   void RaiseDtr(int32_t Handle) override;
   void WaitForInput(int32_t Handle, int32_t MaxMicros) override;
+  void SetOpenInterrupt(std::function<bool()> Interrupted) override;
 
  private:
   void TraceChunk(char Direction, const char* Bytes, size_t Count);

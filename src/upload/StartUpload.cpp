@@ -98,20 +98,26 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
   return EntryResult::Direct;
 }
 
-// The roads of one job; StartUpload adds what a give-up makes of their ends.
-UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std::string& ComPort) {
-  const HexReadResult read = ReadHexFile(FirmwareFile, Ctx.IsEncrypted);
-  const std::string& FirmwareString = read.FirmwareString;
+// The roads of one job on its image; StartUpload adds what a give-up makes of their ends.
+UploadResult RunJob(JobContext& Ctx, const HexReadResult& Read, const std::string& ComPort) {
+  const std::string& FirmwareString = Read.FirmwareString;
   Ctx.Log("Firmware read from file. Length " + std::to_string(FirmwareString.size()) + " Bytes.");
   // A module is never erased for a file that gives no image.
   if (FirmwareString.empty()) {
-    const std::string reason = read.Ok() ? std::string("no data records") : read.Reason;
+    const std::string reason = Read.Ok() ? std::string("no data records") : Read.Reason;
     Ctx.Log("Firmware file error: " + reason);
     return {UploadOutcome::FileError, reason};
   }
+  // Opening a network port waits for a name, a connection and the server; CANCEL works there.
+  Ctx.Port().SetOpenInterrupt([&Ctx] {
+    Ctx.PumpEvents();
+    return Ctx.Cancel;
+  });
   Ctx.PortHandle = Comm_oeffnen_32(Ctx.Port(), ComPort + ":57600,N,8,1");
+  Ctx.Port().SetOpenInterrupt({});
   int32_t PageSize = kDefaultPageSize;
   if (!IsPortOpen(Ctx.PortHandle)) {
+    if (Ctx.Cancel) return CancelExit(Ctx);
     return {UploadOutcome::PortError,
             "cannot open port " + ComPort + ": " + Ctx.Port().LastOpenError()};
   }
@@ -149,13 +155,18 @@ UploadResult RunJob(JobContext& Ctx, const std::string& FirmwareFile, const std:
 
 UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
                          const std::string& ComPort) {
+  const HexReadResult Read = ReadHexFile(FirmwareFile, Ctx.IsEncrypted);
+  return StartUpload(Ctx, Read, ComPort);
+}
+
+UploadResult StartUpload(JobContext& Ctx, const HexReadResult& Image, const std::string& ComPort) {
   const FineTimerResolution fineTimer;
   Ctx.Cancel = false;
   Ctx.LastAnswerTick = -1;
   Ctx.ResetProgress();
   Ctx.GiveUpReason.clear();
   Ctx.Protocol.clear();
-  UploadResult result = RunJob(Ctx, FirmwareFile, ComPort);
+  UploadResult result = RunJob(Ctx, Image, ComPort);
   if (Ctx.GiveUpReason.empty()) return result;
   // A give-up ends the job the way a cancel does, and whichever road that took, the front end
   // must learn it was given up; the reason still tells an image the module had confirmed.

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "image/hex_file.h"
 #include "upload/job_context.h"
 
 namespace palimbo {
@@ -36,5 +37,10 @@ struct UploadResult {
 /// the reason ("given up after the image was verified: ...").
 UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
                          const std::string& ComPort);
+
+/// The same job on an image read before (`Image`, as `ReadHexFile` gave it, with
+/// `Ctx.IsEncrypted` as that read left it): a run of several modules reads its file once, so
+/// that every module gets the very image the run checked and recorded.
+UploadResult StartUpload(JobContext& Ctx, const HexReadResult& Image, const std::string& ComPort);
 
 }  // namespace palimbo

@@ -1,13 +1,12 @@
 // palimbo-cli flash against palimbo-cli simulate, over a real pseudo-terminal.
 #include <signal.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <chrono>
 
 #include <gtest/gtest.h>
 
 #include "support/process.h"
+#include "support/ser2net.h"
 #include "support/temp_file.h"
 #include "support/upload_run.h"
 
@@ -15,13 +14,7 @@ namespace palimbo {
 namespace {
 
 using testing::Process;
-
-std::string ReadAll(const std::string& Path) {
-  std::ifstream in(Path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using testing::ReadAll;
 
 struct FlashCase {
   const char* Name;
@@ -73,11 +66,36 @@ TEST(Flash, PortThatCannotBeOpenedSaysWhy) {
   const std::string err = testing::WriteTempFile("flash.err", "");
   Process flash({PALIMBO_CLI, "flash", "--port", "/dev/palimbo-no-such-port", file}, err);
   EXPECT_EQ(flash.Wait(), 1);
-  EXPECT_EQ(flash.Output.substr(flash.Output.find('\t') + 1),
+  EXPECT_EQ(flash.Output.substr(flash.Output.rfind('\t') + 1),
             "Firmware read from file. Length 1 Bytes.\n");
   EXPECT_NE(ReadAll(err).find("cannot open port /dev/palimbo-no-such-port: No such file"),
             std::string::npos)
       << ReadAll(err);
+}
+
+// Ctrl-C while a network port opens (here a server that never answers the line settings) is
+// a cancel, and at once.
+TEST(Flash, CtrlCWhileAPortOpensCancels) {
+  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AA\r\n");
+  const int port = testing::FreePort();
+  const int server = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  // The system takes the connection; nobody ever answers on it.
+  ASSERT_EQ(listen(server, 4), 0);
+  Process flash(
+      {PALIMBO_CLI, "flash", "--port", "rfc2217://127.0.0.1:" + std::to_string(port), file},
+      testing::WriteTempFile("flash.err", ""));
+  usleep(500000);
+  const auto pressed = std::chrono::steady_clock::now();
+  flash.Signal(SIGINT);
+  EXPECT_EQ(flash.Wait(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(1000));
+  EXPECT_NE(flash.Output.find("\tOperation cancelled.\n"), std::string::npos) << flash.Output;
+  close(server);
 }
 
 // A give-up shorter than a healthy module's longest silence would cancel good uploads.

@@ -1,6 +1,9 @@
-// flash --station: module after module on one port, a count, a record line each, and Ctrl-C.
+// flash --station and --record: module after module, the record, and what a shift brings.
 #include <signal.h>
 
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -9,6 +12,7 @@
 
 #include "frames/crc16.h"
 #include "support/process.h"
+#include "support/ser2net.h"
 #include "support/temp_file.h"
 #include "support/upload_run.h"
 
@@ -16,49 +20,186 @@ namespace palimbo {
 namespace {
 
 using testing::Process;
+using testing::ReadAll;
 using testing::WriteTempFile;
 
-TEST(Station, FlashesModuleAfterModuleAndRecordsEach) {
+std::vector<std::string> Lines(const std::string& Path) {
+  std::ifstream in(Path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::string Sha256Of(const std::string& Path) {
+  FILE* sum = popen(("sha256sum " + Path).c_str(), "r");
+  char digest[65] = {};
+  EXPECT_EQ(std::fread(digest, 1, 64, sum), 64u);
+  pclose(sum);
+  return digest;
+}
+
+TEST(Station, FlashesModuleAfterModuleFromOneReadAndRecordsEach) {
   const std::string image = testing::TestImage(1500);
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(image));
-  // A line left by another station that shares the file stays as it is.
-  const std::string record = WriteTempFile("record.jsonl", "{\"other\":1}\n");
+  const std::string sha = Sha256Of(file);
+  std::string approved = sha;
+  for (char& c : approved) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  // A line left by another station stays; one cut short by a crash is closed, not glued to.
+  const std::string record = WriteTempFile("record.jsonl", "{\"other\":1}\n{\"torn\":");
   // Each rebooted module is replaced by a blank one long enough later for Ctrl-C to fall
   // between modules.
   Process module({PALIMBO_CLI, "simulate", "--replace-after-ms", "2500"},
                  WriteTempFile("simulate.err", ""));
   const std::string port = module.FirstLine(10000);
-  Process station({PALIMBO_CLI, "flash", "--station", "--record", record, "--port", port, file},
+  Process station({PALIMBO_CLI, "flash", "--station", "--record", record, "--expect-sha256",
+                   approved, "--port", port, file},
                   WriteTempFile("flash.err", ""));
+  ASSERT_TRUE(station.WaitForText("module 1: verified", 60000)) << station.Output;
+  // The file goes away during the shift: the run took its image at the start.
+  std::filesystem::remove(file);
   ASSERT_TRUE(station.WaitForText("module 2: verified", 60000)) << station.Output;
-  EXPECT_NE(station.Output.find("module 1: verified in "), std::string::npos) << station.Output;
   EXPECT_NE(station.Output.find("; 2 verified, 0 unverified, 0 failed\n"), std::string::npos);
   station.Signal(SIGINT);
   EXPECT_EQ(station.Wait(), 0) << station.Output;
   EXPECT_NE(station.Output.find("station: 2 modules, 2 verified"), std::string::npos)
       << station.Output;
+  EXPECT_NE(station.Output.find(" read once for the whole run: 1500 bytes"), std::string::npos);
 
-  std::ifstream in(record);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  ASSERT_EQ(lines.size(), 3u);
+  const std::vector<std::string> lines = Lines(record);
+  ASSERT_EQ(lines.size(), 4u) << ReadAll(record);
   EXPECT_EQ(lines[0], "{\"other\":1}");
+  EXPECT_EQ(lines[1], "{\"torn\":");
   char crc[8];
   std::snprintf(crc, sizeof crc, "%04X", static_cast<unsigned>(Crc16Of(image)));
   for (int m = 1; m <= 2; ++m) {
-    const auto line = nlohmann::json::parse(lines[m]);
+    const auto line = nlohmann::json::parse(lines[m + 1]);
     EXPECT_EQ(line["module"], m);
     EXPECT_EQ(line["port"], port);
     EXPECT_EQ(line["file"], file);
     EXPECT_EQ(line["file_bytes"], image.size());
     EXPECT_EQ(line["file_crc"], crc);
-    EXPECT_EQ(line["protocol"], "direct");
+    EXPECT_EQ(line["file_sha256"], sha);
     EXPECT_EQ(line["outcome"], "verified");
     EXPECT_EQ(line["version"], PALIMBO_VERSION);
     EXPECT_FALSE(line["host"].get<std::string>().empty());
     EXPECT_EQ(line["time"].get<std::string>().size(), 20u) << line["time"];
     EXPECT_GT(line["seconds"].get<double>(), 0.5);
   }
+}
+
+// A port that goes away while the station waits for a module (the serial server restarts) is
+// no module: the station waits for it and goes on.
+TEST(Station, ALostPortIsNoModule) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(300)));
+  const std::string record = WriteTempFile("record.jsonl", "");
+  Process module({PALIMBO_CLI, "simulate", "--replace-after-ms", "6000"},
+                 WriteTempFile("simulate.err", ""));
+  testing::Ser2net server({module.FirstLine(10000)});
+  const std::string url = server.Url(0, true);
+  Process station(
+      {PALIMBO_CLI, "flash", "--station", "--count", "2", "--record", record, "--port", url, file},
+      WriteTempFile("flash.err", ""));
+  ASSERT_TRUE(station.WaitForText("module 1: verified", 60000)) << station.Output;
+  server.Server->Signal(SIGKILL);
+  server.Server->Wait();
+  ASSERT_TRUE(station.WaitForText("; waiting for the port to come back", 20000)) << station.Output;
+  // Looked for in vain a few times.
+  sleep(2);
+  server.Start();
+  EXPECT_EQ(station.Wait(), 0) << station.Output;
+  EXPECT_NE(station.Output.find("port " + url + " is back; waiting for the next module"),
+            std::string::npos)
+      << station.Output;
+  EXPECT_NE(station.Output.find("station: 2 modules, 2 verified, 0 unverified, 0 failed"),
+            std::string::npos)
+      << station.Output;
+  EXPECT_EQ(Lines(record).size(), 2u) << ReadAll(record);
+}
+
+// What is refused before the first module: the station counts nothing, records nothing.
+TEST(Station, RefusalsBeforeTheFirstModule) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
+  const std::string missing = (testing::TestFolder() / "gone.hex").string();
+  const std::string noPort = "/dev/palimbo-no-such-port";
+  const std::string otherSha(64, 'a');
+  struct Row {
+    std::vector<std::string> Args;
+    int Status;
+    std::string Message;
+  } const rows[] = {
+      {{"--port", noPort, missing}, 2, "cannot open file: No such file or directory"},
+      {{"--port", noPort, "--expect-sha256", otherSha, file}, 2, "is not the approved " + otherSha},
+      {{"--port", noPort, "--expect-sha256", "12ab", file}, 2, "'12ab' is no SHA-256"},
+      {{"--port", "rfc2217://rack7", file}, 2, "'rfc2217://rack7' has no port"},
+      {{"--port", "socket://:3001", file}, 2, "'socket://:3001' has no host"},
+      {{"--port", "rfc2217://rack7:65536", file}, 2, "not from 1 to 65535"},
+      {{"--port", "socket://[::1:3001", file}, 2, "'socket://[::1:3001'"},
+      {{"--port", "socket://a b:3001", file}, 2, "'socket://a b:3001'"},
+      {{"--port", noPort, file}, 1, "cannot open port " + noPort + ": No such file"},
+  };
+  for (const Row& row : rows) {
+    const std::string record = WriteTempFile("record.jsonl", "");
+    const std::string err = WriteTempFile("flash.err", "");
+    std::vector<std::string> args = {PALIMBO_CLI, "flash",    "--station", "--count",
+                                     "200",       "--record", record};
+    args.insert(args.end(), row.Args.begin(), row.Args.end());
+    Process flash(args, err);
+    EXPECT_EQ(flash.Wait(), row.Status) << row.Args[1];
+    EXPECT_NE(ReadAll(err).find(row.Message), std::string::npos) << ReadAll(err);
+    EXPECT_EQ(flash.Output.find("module 1"), std::string::npos) << flash.Output;
+    EXPECT_EQ(ReadAll(record), "");
+  }
+}
+
+// A record that cannot take a line fails the run, whole or at a station, and leaves no part of
+// a line behind.
+TEST(Record, ALineThatIsNotWrittenFailsTheRun) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
+  Process modules({PALIMBO_CLI, "simulate", "--count", "3", "--replace-after-ms", "500"},
+                  WriteTempFile("simulate.err", ""));
+  modules.FirstLine(10000);
+  std::vector<std::string> ports;
+  std::istringstream paths(modules.Output);
+  for (std::string path; std::getline(paths, path);) ports.push_back(path);
+  ASSERT_EQ(ports.size(), 3u);
+  // Room for this much and no more: the line falls short, and its part must go again.
+  const std::string before(200, 'x');
+  const std::string small = WriteTempFile("small.jsonl", before + "\n");
+  Process single(
+      {PALIMBO_CLI, "flash", "--json", "--record", "/dev/full", "--port", ports[0], file},
+      WriteTempFile("single.err", ""));
+  Process station({PALIMBO_CLI, "flash", "--json", "--station", "--count", "3", "--record",
+                   "/dev/full", "--port", ports[1], file},
+                  WriteTempFile("station.err", ""));
+  Process cut({"/bin/sh", "-c",
+               "trap '' XFSZ; exec prlimit --fsize=300 " + std::string(PALIMBO_CLI) +
+                   " flash --record " + small + " --port " + ports[2] + " " + file},
+              WriteTempFile("cut.err", ""));
+  EXPECT_EQ(single.Wait(), 1) << single.Output;
+  EXPECT_EQ(station.Wait(), 1) << station.Output;
+  EXPECT_EQ(cut.Wait(), 1) << cut.Output;
+  for (Process* run : {&single, &station}) {
+    std::istringstream lines(run->Output);
+    int results = 0;
+    for (std::string line; std::getline(lines, line);) {
+      const auto object = nlohmann::json::parse(line);
+      if (object["type"] != "result") continue;
+      ++results;
+      EXPECT_EQ(object["outcome"], "verified");
+      EXPECT_EQ(object["exit_status"], 1);
+      EXPECT_EQ(object["record"].get<std::string>().rfind("not written: cannot write record file "
+                                                          "/dev/full: No space left on device",
+                                                          0),
+                0u)
+          << object;
+    }
+    EXPECT_EQ(results, 1) << run->Output;
+  }
+  EXPECT_NE(ReadAll(testing::TestFolder() / "station.err").find("the station stops"),
+            std::string::npos);
+  EXPECT_EQ(ReadAll(small), before + "\n");
+  EXPECT_NE(ReadAll(testing::TestFolder() / "cut.err").find("File too large"), std::string::npos)
+      << ReadAll(testing::TestFolder() / "cut.err");
 }
 
 }  // namespace

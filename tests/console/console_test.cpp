@@ -162,6 +162,15 @@ TEST_F(UploadTest, StartWithEmptyFileNameStopsAfterTheReadAndStoresTheTexts) {
   EXPECT_TRUE(Settings.contains("Settings/File"));
 }
 
+TEST_F(UploadTest, StartWithAMistypedNetworkPortSaysWhyAndStartsNoJob) {
+  Find<QComboBox>("cmbComPort")->setEditText("rfc2217://rack7");
+  Button("cmdStart")->click();
+  EXPECT_EQ(LogTexts(), QStringList{"'rfc2217://rack7' has no port: write rfc2217://HOST:PORT, "
+                                    "as in rfc2217://192.168.1.20:3001"});
+  EXPECT_EQ(Line.OpenCount(), 0);
+  EXPECT_EQ(Button("cmdStart")->text(), "START");
+}
+
 TEST_F(UploadTest, StartIn10CountsDownThenUploadsUnderRedAndBlueBars) {
   QStringList Captions;  // at the job's first pump: the last count, and the job's own caption
   AtPump([] { return true; },

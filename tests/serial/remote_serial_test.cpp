@@ -6,20 +6,29 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 
+#include "serial/clock.h"
 #include "serial/comm.h"
+#include "serial/net_socket.h"
 #include "serial/serial_remote.h"
 #include "serial/telnet_codec.h"
+#include "serial/trace_backend.h"
 
 namespace palimbo {
 namespace {
 
 using namespace std::string_literals;
+using namespace std::chrono_literals;
+using Time = std::chrono::steady_clock;
 
-// A server for one connection; `Script` gets the connected socket.
+// A server for one connection; `Script` gets the connected socket. Without a script the server
+// never accepts and its queue is full, so that a connect to it waits for an answer.
 class ScriptedServer {
  public:
   explicit ScriptedServer(std::function<void(int)> Script) {
@@ -29,9 +38,14 @@ class ScriptedServer {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
-    listen(listener_, 1);
+    listen(listener_, Script ? 1 : 0);
     getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
     port_ = ntohs(address.sin_port);
+    for (int& filler : fillers_) {
+      filler = Script ? -1 : socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+      connect(filler, reinterpret_cast<sockaddr*>(&address), length);
+    }
+    if (!Script) return;
     thread_ = std::thread([this, Script] {
       const int peer = accept(listener_, nullptr, nullptr);
       if (peer < 0) return;
@@ -41,8 +55,9 @@ class ScriptedServer {
   }
   ~ScriptedServer() {
     shutdown(listener_, SHUT_RDWR);
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
     close(listener_);
+    for (const int filler : fillers_) close(filler);
   }
   std::string Url(const char* Scheme = "rfc2217") const {
     return std::string(Scheme) + "://127.0.0.1:" + std::to_string(port_);
@@ -51,6 +66,7 @@ class ScriptedServer {
  private:
   int listener_;
   int port_ = 0;
+  int fillers_[2];
   std::thread thread_;
 };
 
@@ -78,27 +94,57 @@ std::string Confirm(const ComPortNotice& C) {
   return ComPortCommand(C.Command + comport::SERVER_OFFSET, C.Value);
 }
 
-TEST(RemoteSerial, RefusalsFailTheOpenWithTheirReason) {
+void Send(int Peer, const std::string& Bytes) {
+  send(Peer, Bytes.data(), Bytes.size(), MSG_NOSIGNAL);
+}
+
+// The server's word on the client's offers: BINARY both ways, then the port option.
+const std::string kBinary = "\xff\xfb\x00\xff\xfd\x00"s;
+const std::string kPortOption = "\xff\xfd\x2c"s;
+const std::string kSuspend =
+    ComPortCommand(comport::FLOWCONTROL_SUSPEND + comport::SERVER_OFFSET, "");
+const std::string kResume =
+    ComPortCommand(comport::FLOWCONTROL_RESUME + comport::SERVER_OFFSET, "");
+
+TEST(RemoteSerial, AnOpenNeedsBinaryBothWaysAndThePortOption) {
   struct Case {
     const char* Name;
+    std::string Greeting;
+    std::string Late;  // sent 300 ms later; what the client sent before then is ignored
     std::function<std::string(const ComPortNotice&)> Answer;
-    const char* Reason;
+    const char* Reason;  // empty for an open that must succeed
   };
   const Case cases[] = {
-      {"a server that keeps its own baud rate",
+      {"a server that keeps its own baud rate", kBinary + kPortOption, "",
        [](const ComPortNotice& C) {
          return C.Command == comport::SET_BAUDRATE
                     ? ComPortCommand(101, "\x00\x00\x25\x80"s)  // 9600
                     : Confirm(C);
        },
        "baud rate 57600 not taken"},
-      {"a Telnet server without the port option",
-       [](const ComPortNotice&) { return "\xff\xfe\x2c"s; }, "no RFC 2217"},
+      {"a Telnet server without the port option", kBinary + "\xff\xfe\x2c", "", Confirm,
+       "no RFC 2217"},
+      {"a server that will not send binary", "\xff\xfc\x00\xff\xfd\x00"s + kPortOption, "", Confirm,
+       "(Telnet BINARY) to"},
+      {"a server that will not take binary", "\xff\xfb\x00\xff\xfe\x00"s + kPortOption, "", Confirm,
+       "(Telnet BINARY) from"},
+      {"a server that takes up the port option late", kBinary, kPortOption, Confirm, ""},
   };
   for (const Case& c : cases) {
-    ScriptedServer server([&](int Peer) { AnswerSettings(Peer, 1, c.Answer); });
+    ScriptedServer server([&](int Peer) {
+      Send(Peer, c.Greeting);
+      if (!c.Late.empty()) {
+        std::this_thread::sleep_for(300ms);
+        char early[512];
+        while (recv(Peer, early, sizeof early, MSG_DONTWAIT) > 0) {
+        }
+        Send(Peer, c.Late);
+      }
+      AnswerSettings(Peer, 99, c.Answer);  // until the client hangs up
+    });
     const auto port = MakeRemoteSerialBackend();
-    EXPECT_EQ(Comm_oeffnen_32(*port, server.Url() + ":57600,N,8,1"), -1) << c.Name;
+    const int32_t handle = Comm_oeffnen_32(*port, server.Url() + ":57600,N,8,1");
+    EXPECT_EQ(handle >= 0, *c.Reason == 0) << c.Name << ": " << port->LastOpenError();
     EXPECT_NE(port->LastOpenError().find(c.Reason), std::string::npos)
         << c.Name << ": " << port->LastOpenError();
   }
@@ -113,9 +159,68 @@ TEST(RemoteSerial, RefusalsFailTheOpenWithTheirReason) {
   EXPECT_NE(port->LastOpenError().find("Connection refused"), std::string::npos);
 }
 
-TEST(RemoteSerial, GarbageAroundDataAndALostConnection) {
+TEST(RemoteSerial, AnInterruptEndsEveryWaitOfAnOpen) {
+  ScriptedServer silent([](int Peer) {
+    char ignored[64];
+    while (read(Peer, ignored, sizeof ignored) > 0) {
+    }
+  });
+  ScriptedServer full(nullptr);
+  const Resolver endless = [](const std::string&, const std::string&, std::string&) {
+    std::this_thread::sleep_for(30s);
+    return std::vector<SocketAddress>();
+  };
+  SteadyClock clock;
+  std::ostringstream trace;
+  const auto system = MakeSystemSerialBackend();
+  TraceBackend traced(*system, clock, trace);
+  // Each wait of an open, given the interrupt; the error it ended with.
+  const std::pair<const char*, std::function<std::string(std::function<bool()>)>> waits[] = {
+      {"for the name",
+       [&](auto Stop) {
+         std::string error;
+         NetSocket::Connect("rack7", "3001", {5000, Stop, endless}, error);
+         return error;
+       }},
+      {"for the connection",
+       [&](auto Stop) {
+         system->SetOpenInterrupt(Stop);
+         system->Open(full.Url(), "57600,N,8,1");
+         return system->LastOpenError();
+       }},
+      {"for the server's word",
+       [&](auto Stop) {
+         traced.SetOpenInterrupt(Stop);
+         traced.Open(silent.Url(), "57600,N,8,1");
+         return traced.LastOpenError();
+       }},
+  };
+  for (const auto& [name, wait] : waits) {
+    const auto start = Time::now();
+    std::optional<Time::time_point> stopped;
+    const std::string error = wait([&] {
+      if (!stopped && Time::now() - start > 200ms) stopped = Time::now();
+      return stopped.has_value();
+    });
+    EXPECT_EQ(error, "cancelled") << name;
+    ASSERT_TRUE(stopped) << name;
+    EXPECT_LT(Time::now() - *stopped, 150ms) << name;
+  }
+  // A name service that never answers still ends the connect within its time.
+  std::string error;
+  const auto start = Time::now();
+  EXPECT_FALSE(NetSocket::Connect("rack7", "3001", {300, nullptr, endless}, error));
+  EXPECT_LT(Time::now() - start, 1s);
+  EXPECT_EQ(error, "the name was not found within 300 ms");
+}
+
+TEST(RemoteSerial, HeldDataGarbageAroundDataAndALostConnection) {
   ScriptedServer server([&](int Peer) {
-    AnswerSettings(Peer, 5, Confirm);  // four settings and the purge
+    Send(Peer, kBinary + kPortOption);
+    // The server holds the client's data back from before the open's end for 300 ms.
+    AnswerSettings(Peer, 4, [](const ComPortNotice& C) { return kSuspend + Confirm(C); });
+    std::this_thread::sleep_for(300ms);
+    Send(Peer, kResume);
     // The client's data comes with each 0xFF doubled; only then does the server answer.
     std::string arrived;
     char chunk[64];
@@ -124,22 +229,30 @@ TEST(RemoteSerial, GarbageAroundDataAndALostConnection) {
       if (n <= 0) return;
       arrived.append(chunk, static_cast<size_t>(n));
     }
-    const std::string out =
-        "\xff\xf1"
-        "ab\xff\xfa\x2c\x65\x01\xff\xfd\x18"
-        "c\xff\xff"s;
-    send(Peer, out.data(), out.size(), MSG_NOSIGNAL);
+    Send(Peer,
+         "\xff\xf1"
+         "ab\xff\xfa\x2c\x65\x01\xff\xfd\x18"
+         "c\xff\xff"s +
+             kSuspend);
+    std::this_thread::sleep_for(3s);
   });
   const auto port = MakeRemoteSerialBackend();
   int32_t handle = Comm_oeffnen_32(*port, server.Url() + ":57600,N,8,1");
   ASSERT_GE(handle, 0) << port->LastOpenError();
+  const auto start = Time::now();
   EXPECT_EQ(Comm_schreiben_32(*port, handle, "\xff\x00\xff"s), 3);
+  EXPECT_GT(Time::now() - start, 200ms) << "written while the server held the data";
   // The data before the server hung up still arrives; then the port is lost.
   std::string got, chunk;
-  for (int i = 0; i < 200 && handle >= 0; ++i) {
+  for (int i = 0; i < 400 && handle >= 0; ++i) {
     Comm_warten_32(*port, handle, 20000);
     Comm_lesen_32(*port, handle, chunk);
     got += chunk;
+    // Held once more and never let go, a write falls short after its time.
+    if (got == "abc\xff" && chunk.size() != 0) {
+      EXPECT_EQ(port->Write(handle, "d"), 0);
+      EXPECT_NE(port->LostReason().find("held the data back for 2 s"), std::string::npos);
+    }
   }
   EXPECT_EQ(got, "abc\xff");
   EXPECT_EQ(handle, -1) << "a closed connection is a lost port";

@@ -10,18 +10,23 @@ wine=${PALIMBO_WINE:-/usr/lib/wine/wine64}
 
 source "$(dirname "$0")/simulated_module.sh"
 
-# The log with time stamps, carriage returns and the port's name taken out.
+# The log with time stamps, carriage returns and the names of the port and the file taken out.
 normalise() {
-  sed -e 's/\r$//' -e 's/^[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\t//' -e "s|^$2 opened\.|PORT opened.|" "$1"
+  sed -e 's/\r$//' -e 's/^[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\t//' -e "s|^$2 opened\.|PORT opened.|" \
+    -e 's/^Firmware .* read once for the whole run:/Firmware read once for the whole run:/' "$1"
 }
 
 "$linux_cli" hex2bin "$hex" "$work/image.bin"
 
 start_module windows
 ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
-win_hex="Z:$(printf '%s' "$(realpath "$hex")" | tr / '\\')"
+windows_path() { printf 'Z:%s' "$(realpath "$1")" | tr / '\\'; }
+win_hex=$(windows_path "$hex")
+# A record whose last line a crash cut short.
+printf '{"torn":' >"$work/record.jsonl"
 started=$(date +%s%N)
-if ! timeout 180 "$wine" "$win_cli" flash --port "$com" "$win_hex" >"$work/windows.log" \
+if ! timeout 180 "$wine" "$win_cli" flash --port "$com" --record "$(windows_path "$work/record.jsonl")" \
+    "$win_hex" >"$work/windows.log" \
     2>"$work/windows.err"; then
   echo "Windows upload failed:" >&2
   cat "$work/windows.log" "$work/windows.err" >&2
@@ -29,6 +34,13 @@ if ! timeout 180 "$wine" "$win_cli" flash --port "$com" "$win_hex" >"$work/windo
 fi
 windows_ms=$((($(date +%s%N) - started) / 1000000))
 check_flash windows
+# The Windows build's line starts on a line of its own and names the file by its SHA-256.
+if ! sed -n 2p "$work/record.jsonl" |
+    grep -q "\"file_sha256\":\"$(sha256sum <"$hex" | cut -c1-64)\".*\"outcome\":\"verified\""; then
+  echo "the record of the Windows build is wrong:" >&2
+  cat "$work/record.jsonl" >&2
+  exit 1
+fi
 
 start_module linux
 started=$(date +%s%N)
