@@ -33,6 +33,8 @@ const char* const kUsage =
     "                     outcome, reason, seconds; a line that cannot be written fails the\n"
     "                     run (and stops a station)\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 (as sha256sum prints it) is HEX\n"
+    "  --skip-same        ask each module's checksum first; one that holds the image already\n"
+    "                     is only rebooted (\"already current\", exit status 0)\n"
     "  --station          production station: after each module wait for the next one on the\n"
     "                     same port and flash it, until Ctrl-C; a line and a running count\n"
     "                     per module; a port that goes away is waited for, and counts no\n"
@@ -45,6 +47,25 @@ const char* const kUsage =
     "Ctrl-C cancels every job as CANCEL does; a second Ctrl-C closes the ports and quits.\n"
     "Exit status: 0 written and verified (every module), 1 failed, cancelled or given up (any\n"
     "module), 2 bad arguments or firmware file, 3 written but not verified.\n";
+
+const char* const kVerifyUsage =
+    "Usage: palimbo-cli verify [--port NAME]... [--all] [OPTIONS] FILE\n"
+    "Checks whether the module behind the port holds the image of the Intel HEX file FILE,\n"
+    "without writing it: the entry handshake as for an upload, the module's checksum over the\n"
+    "image's length against the image's own, then the reboot, so that the module runs its\n"
+    "application again. Nothing is erased or written, and a CCB bootloader is never entered.\n"
+    "With several ports every module is checked at once.\n\n"
+    "  --port NAME        serial port or network port, as for flash; give it again for more\n"
+    "  --all              every controller adapter the scan accepts\n"
+    "  --give-up-after S  give up on a module that has not answered for S seconds (default 60)\n"
+    "  --json             JSON Lines on stdout; each result carries image_crc and module_crc\n"
+    "  --trace FILE       write every chunk to and from the port\n"
+    "  --record FILE      append one JSON line per module to FILE, as flash does\n"
+    "  --expect-sha256 HEX  refuse FILE unless its SHA-256 is HEX\n"
+    "  --spin             poll the port without waiting on it (for measurements)\n\n"
+    "Exit status: 0 the module holds the image (every module), 4 it holds another image,\n"
+    "3 its bootloader cannot tell, 1 no module, a lost port or cancelled (any module), 2 bad\n"
+    "arguments or firmware file.\n";
 
 // A SHA-256 as sha256sum prints it, in either case; lower case for comparing.
 std::string Sha256Argument(const std::string& Text) {
@@ -66,29 +87,34 @@ void CheckPortArgument(const std::string& Port) {
   if (IsRemotePortName(Port) && !ParseRemotePortUrl(Port, error)) throw UsageError(error);
 }
 
-}  // namespace
-
-int RunFlash(const std::vector<std::string>& Args) {
+// What flash and verify share: the ports, the file, the record, the display; `Verify` makes
+// the run a check without writing.
+int RunModules(const std::vector<std::string>& Args, bool Verify) {
   FlashRequest request;
   bool all = false;
   bool spin = false;
+  bool skipSame = false;
   CLI::App app;
   app.add_option("--port", request.Ports);
   app.add_flag("--all", all);
-  app.add_flag("--yes", request.AssumeYes);
   app.add_option("--give-up-after", request.GiveUpAfterSeconds)->check(CLI::Range(0, 86400));
   app.add_flag("--json", request.Json);
   app.add_option("--trace", request.TraceFile);
   app.add_flag("--spin", spin);
   app.add_option("--record", request.RecordFile);
   app.add_option("--expect-sha256", request.ExpectSha256);
-  auto* station = app.add_flag("--station", request.Station);
-  app.add_option("--count", request.StationCount)->check(CLI::Range(1, 1000000))->needs(station);
+  if (!Verify) {
+    app.add_flag("--yes", request.AssumeYes);
+    app.add_flag("--skip-same", skipSame);
+    auto* station = app.add_flag("--station", request.Station);
+    app.add_option("--count", request.StationCount)->check(CLI::Range(1, 1000000))->needs(station);
+  }
   app.add_option("FILE", request.File)->required();
   if (ParseCommand(app, Args)) {
-    std::cout << kUsage;
+    std::cout << (Verify ? kVerifyUsage : kUsage);
     return kExitOk;
   }
+  request.Mode = Verify ? WriteMode::Never : skipSame ? WriteMode::UnlessSame : WriteMode::Always;
   request.IdleWait = !spin;
   const int32_t giveUp = request.GiveUpAfterSeconds;
   if (giveUp > 0 && giveUp < kLongestHealthySilenceSeconds) {
@@ -116,12 +142,22 @@ int RunFlash(const std::vector<std::string>& Args) {
       }
     }
     if (request.Ports.empty()) {
-      std::cerr << "palimbo-cli flash: no controller adapter found; name the port with --port"
-                << std::endl;
+      std::cerr << "palimbo-cli " << (Verify ? "verify" : "flash")
+                << ": no controller adapter found; name the port with --port" << std::endl;
       return kExitUsage;
     }
   }
   return FlashModules(request, [] { return MakeSystemSerialBackend(); }).ExitStatus;
+}
+
+}  // namespace
+
+int RunFlash(const std::vector<std::string>& Args) {
+  return RunModules(Args, false);
+}
+
+int RunVerify(const std::vector<std::string>& Args) {
+  return RunModules(Args, true);
 }
 
 }  // namespace palimbo::cli

@@ -10,6 +10,8 @@
 #include "cli/args.h"
 #include "cli/command_line.h"
 #include "cli/commands.h"
+#include "image/file_read.h"
+#include "image/hex_file.h"
 #include "sim/ideal_time.h"
 #include "sim/pty_host.h"
 #include "sim/simulated_module.h"
@@ -37,6 +39,11 @@ constexpr const char* kUsage =
     "  --flash-ms N           writing a page or block delays its answer N ms more (default 4)\n"
     "  --no-reboot-answer     do not answer the reboot command\n"
     "  --check-bytes 2|4      number bytes in the CCB check answer (default 2)\n"
+    "  --check-when-entered   answer the CCB check only after the bootloader was entered\n"
+    "  --flash-from FILE      the flash holds this firmware (Intel HEX, or a flat image when\n"
+    "                         it does not start with ':') when a module comes to the line\n"
+    "  --flash-from-every N   with --replace-after-ms, only every N-th module holds it, from\n"
+    "                         the first on; the others come blank (default 1)\n"
     "  --refuse-block LIST    never answer the CCB block at address K * 128; a list gives one K\n"
     "                         a module, -1 for none (default -1)\n"
     "  --wire                 carry both directions at 57600 baud, 8N1, with the latency of a\n"
@@ -99,6 +106,20 @@ sim::ModuleSettings SettingsFor(const SimulateOptions& O, size_t Index) {
   return s;
 }
 
+// The firmware a simulated module holds from the start: a HEX file's image, or a flat one.
+std::string FlashContent(const std::string& File) {
+  const FileBytes file = ReadRegularFile(File, kHexFileMaxBytes);
+  if (file.Problem != FileProblem::None) {
+    throw UsageError("--flash-from " + File + ": cannot read it" +
+                     (file.Detail.empty() ? std::string() : ": " + file.Detail));
+  }
+  if (file.Bytes.empty() || file.Bytes.front() != ':') return file.Bytes;
+  bool encrypted = false;
+  const HexReadResult image = ReadHexText(file.Bytes, encrypted);
+  if (!image.Ok()) throw UsageError("--flash-from " + File + ": " + image.Reason);
+  return image.FirmwareString;
+}
+
 double Seconds(int64_t Micros) {
   return static_cast<double>(Micros) / 1e6;
 }
@@ -152,12 +173,17 @@ int RunSimulate(const std::vector<std::string>& Args) {
       ->needs(wire)
       ->excludes(pace);
   app.add_option("--dump", o.Dump);
+  app.add_flag("--check-when-entered", s.CheckOnlyWhenEntered);
+  std::string flashFrom;
+  app.add_option("--flash-from", flashFrom);
+  app.add_option("--flash-from-every", s.InitialFlashEvery)->check(CLI::Range(1, 1000000));
   int64_t replaceMs = -1;
   app.add_option("--replace-after-ms", replaceMs)->check(CLI::Range(0, 3600000));
   if (ParseCommand(app, Args)) {
     std::cout << kUsage;
     return kExitOk;
   }
+  if (!flashFrom.empty()) s.InitialFlash = FlashContent(flashFrom);
   s.SupportsCrc = !noCrc;
   s.AnswerReboot = !noRebootAnswer;
   s.TurnaroundMicros = turnaroundMs * 1000;

@@ -51,6 +51,7 @@ class ModuleJob final : public JobLog,
     ModuleResult result;
     result.Port = request_.Ports[index_];
     result.Bytes = Image.FirmwareString.size();
+    result.ImageCrc = Crc16Of(Image.FirmwareString);
     result.Started = std::time(nullptr);
     const auto started = std::chrono::steady_clock::now();
 
@@ -80,7 +81,7 @@ class ModuleJob final : public JobLog,
     protocol_.clear();
     port_lost_.clear();
     cancel_sent_ = false;
-    result.Result = StartUpload(ctx, Image, result.Port);
+    result.Result = StartUpload(ctx, Image, result.Port, request_.Mode);
     ctx_ = nullptr;
     result.Protocol = protocol_;
     result.PortLost = port_lost_;
@@ -170,9 +171,14 @@ void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index
 int ExitStatusOf(UploadOutcome Outcome) {
   switch (Outcome) {
     case UploadOutcome::Verified:
+    case UploadOutcome::AlreadyCurrent:
+    case UploadOutcome::Matches:
       return kExitOk;
     case UploadOutcome::Unverified:
+    case UploadOutcome::CannotTell:
       return kExitUnverified;
+    case UploadOutcome::Differs:
+      return kExitDiffers;
     case UploadOutcome::FileError:
       return kExitUsage;
     case UploadOutcome::PortError:
@@ -187,12 +193,13 @@ int ExitStatusOf(UploadOutcome Outcome) {
 
 int CombinedExitStatus(const std::vector<ModuleResult>& Modules) {
   if (Modules.size() == 1) return Modules.front().ExitStatus;
-  int status = kExitOk;
-  for (const ModuleResult& m : Modules) {
-    if (m.ExitStatus != kExitOk && m.ExitStatus != kExitUnverified) return kExitFailed;
-    if (m.ExitStatus == kExitUnverified) status = kExitUnverified;
+  // The worst first: a failure, then a module that holds another image, then one unchecked.
+  for (const int status : {kExitFailed, kExitUsage, kExitDiffers, kExitUnverified}) {
+    for (const ModuleResult& m : Modules) {
+      if (m.ExitStatus == status) return status == kExitUsage ? kExitFailed : status;
+    }
   }
-  return status;
+  return kExitOk;
 }
 
 namespace {
@@ -275,7 +282,7 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::mutex doneLock;
   std::condition_variable doneSignal;
   size_t done = 0;
-  StationTally tally(Request.StationCount);
+  StationTally tally(Request.StationCount, Request.Mode == WriteMode::UnlessSame);
   const auto stopping = [&] { return interrupts.Requested() || stationStopped; };
   std::vector<std::thread> threads;
   for (size_t i = 0; i < jobs.size(); ++i) {

@@ -14,9 +14,10 @@ namespace palimbo::cli {
 /// What `flash` and `demo` ask of one upload or of several at once.
 struct FlashRequest {
   std::string File;
-  std::string ExpectSha256;        ///< lower-case hex; when set, any other file is refused
-  std::vector<std::string> Ports;  ///< one module a port
-  bool AssumeYes = false;          ///< answer the no-response question with Yes
+  WriteMode Mode = WriteMode::Always;  ///< `Never` checks the modules without writing
+  std::string ExpectSha256;            ///< lower-case hex; when set, any other file is refused
+  std::vector<std::string> Ports;      ///< one module a port
+  bool AssumeYes = false;              ///< answer the no-response question with Yes
   std::string TraceFile;  ///< wire trace, one chunk a line; with several ports FILE.1, FILE.2..
   bool IdleWait = true;   ///< wait on the port in empty receive passes instead of spinning
   bool Json = false;      ///< JSON Lines on stdout instead of the log and the bar
@@ -40,11 +41,12 @@ struct FlashReport {
 /// Ctrl-C cancels every job as CANCEL does; a second one ends the process at once.
 FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& MakePort);
 
-/// The exit status of one module: 0 verified, 3 unverified, 2 bad file, 1 otherwise.
+/// The exit status of one module: 0 verified, already current or matching, 3 unverified or
+/// cannot tell, 4 holds another image, 2 bad file, 1 otherwise.
 int ExitStatusOf(UploadOutcome Outcome);
 
-/// The exit status of several: 1 if any failed, was cancelled or given up; else 3 if any is
-/// unverified; else 0.
+/// The exit status of several: 1 if any failed, was cancelled or given up; else 4 if any holds
+/// another image; else 3 if any is unverified or cannot tell; else 0.
 int CombinedExitStatus(const std::vector<ModuleResult>& Modules);
 
 }  // namespace palimbo::cli

@@ -18,6 +18,8 @@ struct Subcommand {
 
 constexpr Subcommand kSubcommands[] = {
     {"flash", "write a firmware file into a module through its bootloader", palimbo::cli::RunFlash},
+    {"verify", "check whether a module holds a firmware file, without writing",
+     palimbo::cli::RunVerify},
     {"demo", "flash the bundled example into a simulated module", palimbo::cli::RunDemo},
     {"info", "show length, CRC and marker of a firmware file", palimbo::cli::RunInfo},
     {"hex2bin", "write the flat image of a firmware file", palimbo::cli::RunHex2Bin},
@@ -35,7 +37,8 @@ void PrintHelp(std::ostream& out) {
   }
   out << "\nRun 'palimbo-cli COMMAND --help' for the options of a command.\n"
          "Exit status: 0 done (upload verified), 1 failed or cancelled, 2 bad arguments or\n"
-         "firmware file, 3 firmware written but not verified.\n";
+         "firmware file, 3 firmware written but not verified (verify: the bootloader cannot\n"
+         "tell), 4 (verify) the module holds another image.\n";
 }
 
 }  // namespace

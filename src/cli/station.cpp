@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "cli/commands.h"
+#include "cli/flash_run.h"
 
 namespace palimbo::cli {
 
@@ -25,6 +26,9 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
     case UploadOutcome::Verified:
       ++verified_;
       break;
+    case UploadOutcome::AlreadyCurrent:
+      ++current_;
+      break;
     case UploadOutcome::Unverified:
       ++unverified_;
       break;
@@ -37,12 +41,16 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
   const auto number = static_cast<int32_t>(results_.size());
   std::string line = "module " + std::to_string(number) + ": " +
                      OutcomeName(Result.Result.Outcome) + " in " + seconds + " s";
-  if (Result.Result.Outcome != UploadOutcome::Verified && !Result.Result.Reason.empty()) {
+  if (ExitStatusOf(Result.Result.Outcome) != kExitOk && !Result.Result.Reason.empty()) {
     line += " (" + Result.Result.Reason + ")";
   }
-  line += "; " + std::to_string(verified_) + " verified, " + std::to_string(unverified_) +
-          " unverified, " + std::to_string(failed_) + " failed";
-  return {number, line};
+  return {number, line + "; " + Counts()};
+}
+
+std::string StationTally::Counts() const {
+  return std::to_string(verified_) + " verified, " +
+         (count_current_ ? std::to_string(current_) + " already current, " : std::string()) +
+         std::to_string(unverified_) + " unverified, " + std::to_string(failed_) + " failed";
 }
 
 void StationTally::NoteFault() {
@@ -52,9 +60,7 @@ void StationTally::NoteFault() {
 
 std::string StationTally::Summary() const {
   const std::lock_guard guard(lock_);
-  return "station: " + std::to_string(results_.size()) + " modules, " + std::to_string(verified_) +
-         " verified, " + std::to_string(unverified_) + " unverified, " + std::to_string(failed_) +
-         " failed";
+  return "station: " + std::to_string(results_.size()) + " modules, " + Counts();
 }
 
 int StationTally::ExitStatus() const {

@@ -15,8 +15,9 @@ namespace palimbo::cli {
 /// all its places, and the limit of modules it takes.
 class StationTally {
  public:
-  /// `Limit` modules at most; 0 for no limit.
-  explicit StationTally(int32_t Limit) : limit_(Limit) {}
+  /// `Limit` modules at most; 0 for no limit. `CountCurrent` gives modules that already held
+  /// the image a column of their own.
+  StationTally(int32_t Limit, bool CountCurrent) : limit_(Limit), count_current_(CountCurrent) {}
 
   /// Takes the place of the next module; false when the limit is reached.
   bool Claim();
@@ -24,7 +25,8 @@ class StationTally {
   /// the port went away before a module answered).
   void Release();
   /// Counts a module's end; gives its number and the line the operator sees for it, such as
-  /// "module 3: verified in 4.2 s; 3 verified, 0 unverified, 0 failed".
+  /// "module 3: verified in 4.2 s; 3 verified, 0 unverified, 0 failed" (with
+  /// "1 already current" after the verified ones where they are counted).
   std::pair<int32_t, std::string> Count(const ModuleResult& Result);
   /// Notes a fault of the run that is no module's: a place whose port never opened, a record
   /// that could not be written. The run then ends with status 1.
@@ -41,7 +43,11 @@ class StationTally {
   mutable std::mutex lock_;
   int32_t limit_;
   int32_t claimed_ = 0;
+  std::string Counts() const;
+
+  bool count_current_;
   int32_t verified_ = 0;
+  int32_t current_ = 0;
   int32_t unverified_ = 0;
   int32_t failed_ = 0;
   bool fault_ = false;

@@ -19,6 +19,12 @@ constexpr int kBarWidth = 30;
 
 }  // namespace
 
+std::string CrcText(int32_t Crc) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(Crc & 0xFFFF));
+  return text;
+}
+
 const char* OutcomeName(UploadOutcome Outcome) {
   switch (Outcome) {
     case UploadOutcome::Verified:
@@ -37,6 +43,14 @@ const char* OutcomeName(UploadOutcome Outcome) {
       return "failed";
     case UploadOutcome::GivenUp:
       return "given up";
+    case UploadOutcome::AlreadyCurrent:
+      return "already current";
+    case UploadOutcome::Matches:
+      return "matches";
+    case UploadOutcome::Differs:
+      return "differs";
+    case UploadOutcome::CannotTell:
+      return "cannot tell";
   }
   return "failed";
 }
@@ -212,6 +226,10 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
           {"bytes", r.Bytes},
           {"seconds", static_cast<double>(static_cast<int64_t>(r.Seconds * 10 + 0.5)) / 10},
           {"exit_status", r.ExitStatus}};
+      if (r.Result.ModuleCrc >= 0) {
+        line["image_crc"] = CrcText(r.ImageCrc);
+        line["module_crc"] = CrcText(r.Result.ModuleCrc);
+      }
       if (!r.Record.empty()) line["record"] = r.Record;
       std::cout << JsonLine(line) << std::endl;
     }
@@ -226,7 +244,7 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
   for (const ModuleResult& r : Results) {
     std::string reason = r.Result.Reason;
     if (r.Record.rfind("not written", 0) == 0) reason += "; record " + r.Record;
-    std::printf("%-*s %-8s %8zu %8.1f  %-13s %s\n", w, r.Port.c_str(),
+    std::printf("%-*s %-8s %8zu %8.1f  %-15s %s\n", w, r.Port.c_str(),
                 r.Protocol.empty() ? "-" : r.Protocol.c_str(), r.Bytes, r.Seconds,
                 OutcomeName(r.Result.Outcome), reason.c_str());
   }

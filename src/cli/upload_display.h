@@ -16,6 +16,7 @@ struct ModuleResult {
   std::string Port;
   std::string Protocol;  ///< "direct" or "ccb" once the entry answer told; empty before
   size_t Bytes = 0;      ///< length of the image
+  int32_t ImageCrc = 0;  ///< the image's CRC
   double Seconds = 0;
   std::time_t Started = 0;  ///< when the job began, by the calendar
   UploadResult Result{UploadOutcome::Failed, ""};
@@ -23,6 +24,9 @@ struct ModuleResult {
   std::string PortLost;  ///< "port NAME lost: why" when the port went away under the job
   std::string Record;    ///< with a record: "written", or "not written: " and why
 };
+
+/// A CRC as the log, the record and the JSON results show it: "A981".
+std::string CrcText(int32_t Crc);
 
 /// The outcome as the summary, the JSON results and the record name it, e.g. "given up".
 const char* OutcomeName(UploadOutcome Outcome);

@@ -1,7 +1,5 @@
 #include "cli/upload_record.h"
 
-#include <cstdio>
-
 #include "cli/json_line.h"
 #include "cli/platform.h"
 
@@ -25,8 +23,6 @@ UploadRecord::UploadRecord(std::unique_ptr<RecordFile> Out, std::string Path,
       host_(HostName()) {}
 
 bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::string& Error) {
-  char crc[8];
-  std::snprintf(crc, sizeof crc, "%04X", static_cast<unsigned>(firmware_.ImageCrc & 0xFFFF));
   nlohmann::ordered_json line = {
       {"time", UtcTimestamp(Result.Started)},
       {"host", host_},
@@ -34,7 +30,7 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
       {"port", Result.Port},
       {"file", firmware_.File},
       {"file_bytes", firmware_.ImageBytes},
-      {"file_crc", crc},
+      {"file_crc", CrcText(firmware_.ImageCrc)},
       {"file_sha256", firmware_.FileSha256},
       {"protocol", Result.Protocol},
       {"outcome", OutcomeName(Result.Result.Outcome)},
@@ -42,6 +38,7 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
       {"seconds", static_cast<double>(static_cast<int64_t>(Result.Seconds * 10 + 0.5)) / 10},
       {"exit_status", Result.ExitStatus},
   };
+  if (Result.Result.ModuleCrc >= 0) line["module_crc"] = CrcText(Result.Result.ModuleCrc);
   if (Module > 0) line["module"] = Module;
   const std::lock_guard guard(lock_);
   if (!out_->Append(JsonLine(line) + "\n", Error)) {

@@ -9,7 +9,6 @@ namespace palimbo {
 
 namespace {
 constexpr int kSilenceMs = 60;
-constexpr int kTries = 10;
 }  // namespace
 
 std::string BuildFrame(uint8_t StartByte, uint8_t CommandByte, std::string_view CommandString) {
@@ -105,7 +104,7 @@ bool RunTries(Link& Link, const std::string& Frame, WriteOrder Order, int16_t Wa
   bool Settled = true;
   RxBuffer.clear();
   std::string Chunk;
-  for (int16_t Tries = 0; Tries < kTries; ++Tries) {
+  for (int16_t Tries = 0; Tries < Link.Tries; ++Tries) {
     if (Order == WriteOrder::BeforeTheDrain) {
       Comm_schreiben_32(Link.Port, Link.PortHandle, Frame);
       Link.Time.Sleep(5);

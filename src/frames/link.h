@@ -29,6 +29,9 @@ inline constexpr int32_t kUnattendedIdleWaitMicros = 50'000;
 /// pumps and the clock, and a few milliseconds keep a job on a lost port nearly idle.
 inline constexpr int32_t kClosedPortWaitMillis = 5;
 
+/// Times an exchange sends its request before it gives up.
+inline constexpr int16_t kExchangeTries = 10;
+
 /// What an exchange with the bootloader needs of its job: the port, the clock, the pump and
 /// the operator's cancel flag. All references point into the job's context.
 struct Link {
@@ -41,6 +44,9 @@ struct Link {
   int64_t& LastAnswerTick;
   /// Wait on the port per empty receive pass; 0 turns the passes into a pure spin.
   int32_t IdleWaitMicros = kIdleWaitMicros;
+  /// Times each exchange sends its request; only a question that a module may leave
+  /// unanswered, outside the upload, asks fewer.
+  int16_t Tries = kExchangeTries;
 };
 
 }  // namespace palimbo

@@ -48,8 +48,19 @@ std::string ByteString(std::initializer_list<uint8_t> Values) {
 
 }  // namespace
 
-SimulatedModule::SimulatedModule(ModuleSettings Settings)
-    : settings_(std::move(Settings)), flash_(settings_.FlashSize, '\xFF') {}
+SimulatedModule::SimulatedModule(ModuleSettings Settings) : settings_(std::move(Settings)) {
+  FreshFlash(0);
+}
+
+void SimulatedModule::FreshFlash(int Arrival) {
+  flash_.assign(settings_.FlashSize, '\xFF');
+  flash_used_ = 0;
+  const int every = std::max(settings_.InitialFlashEvery, 1);
+  if (Arrival % every != 0 || settings_.InitialFlash.empty()) return;
+  const size_t held = std::min(settings_.InitialFlash.size(), flash_.size());
+  flash_.replace(0, held, settings_.InitialFlash, 0, held);
+  flash_used_ = held;
+}
 
 std::string SimulatedModule::EncodeFrame(uint8_t Start, std::string_view Payload) {
   assert(Payload.size() <= 255);
@@ -65,11 +76,10 @@ void SimulatedModule::Receive(std::string_view Bytes, int64_t NowMicros,
   if (Bytes.empty()) return;
   if (replace_at_us_ >= 0) {
     if (NowMicros < replace_at_us_) return;
-    flash_.assign(settings_.FlashSize, '\xFF');
-    flash_used_ = 0;
+    ++replaced_;
+    FreshFlash(replaced_);
     rx_.clear();
     replace_at_us_ = -1;
-    ++replaced_;
   }
   // A frame cut short by a long silence will never complete; the next request starts afresh.
   if (!rx_.empty() && NowMicros - last_rx_us_ > settings_.FrameTimeoutMicros) rx_.clear();
@@ -277,6 +287,7 @@ SimulatedModule::Answer SimulatedModule::HandleCcb(uint8_t Command, std::string_
   const Answer positive{true, ByteString({kCcbAnswer, Command})};
   switch (Command) {
     case kCcbEnter:
+      entered_ = true;
       return settings_.AnswerEnter ? positive : Answer{};
     case kCcbBlock: {
       if (Data.size() < 5 || Data.size() > 132) return {};
@@ -290,7 +301,7 @@ SimulatedModule::Answer SimulatedModule::HandleCcb(uint8_t Command, std::string_
     case kCcbFinish:
       return settings_.AnswerFinish ? positive : Answer{};
     case kCcbCheck: {
-      if (Data.size() != 4) return {};
+      if (Data.size() != 4 || (settings_.CheckOnlyWhenEntered && !entered_)) return {};
       const uint32_t length = BigEndian32(Data);
       if (length > flash_.size()) return {};
       Answer answer = positive;
@@ -321,6 +332,7 @@ int64_t SimulatedModule::Emit(int64_t AtMicros, std::string Data, std::vector<Em
 
 void SimulatedModule::Restart() {
   mode_ = Mode::Entry;
+  entered_ = false;
   polls_since_boot_ = 0;
   stray_sent_ = false;
   page_buffer_.clear();
@@ -329,6 +341,7 @@ void SimulatedModule::Restart() {
 
 void SimulatedModule::BackToEntry() {
   mode_ = Mode::Entry;
+  entered_ = false;
   polls_since_boot_ = 0;
   stray_sent_ = false;
   page_buffer_.clear();

@@ -90,6 +90,14 @@ struct ModuleSettings {
   int RefuseBlock = -1;      ///< CCBBlock at address k × 128 is never answered; -1 for none
   int RefusePage = -1;       ///< "P"/"D" at address k × PageSize is never answered, nor written
   int CheckBytes = 2;        ///< number bytes in the answer to CCBCheck: 2 or 4
+  bool CheckOnlyWhenEntered = false;  ///< CCBCheck goes unanswered until CCBEnter was heard
+
+  /// What the flash holds from address 0 when the module comes to the line, as if written
+  /// before; the rest is 0xFF.
+  std::string InitialFlash;
+  /// Of the modules that come to the line (the first, and each that takes a rebooted one's
+  /// place), every n-th holds `InitialFlash`, from the first on; the others come blank.
+  int InitialFlashEvery = 1;
 
   /// This long after each reboot the module is taken off the line and a fresh one, blank and in
   /// its bootloader, takes its place, as at a production station; until then the rebooted
@@ -179,6 +187,8 @@ class SimulatedModule final : public ModulePeer {
   /// Returns when the bytes leave, or -1 when a silent module keeps them.
   int64_t Emit(int64_t AtMicros, std::string Bytes, std::vector<Emission>& Out);
   void BackToEntry();
+  /// The flash of the module that comes to the line now, the `Arrival`-th from 0.
+  void FreshFlash(int Arrival);
 
   ModuleSettings settings_;
   Mode mode_ = Mode::Entry;
@@ -195,6 +205,7 @@ class SimulatedModule final : public ModulePeer {
   int reboots_ = 0;
   int64_t replace_at_us_ = -1;  // when the next module takes this one's place; -1 for never
   int replaced_ = 0;
+  bool entered_ = false;  // CCBEnter heard since the module came to its bootloader
   std::array<int, 256> counts_{};
   std::vector<ReceivedCommand> commands_;
 };

@@ -6,6 +6,7 @@
 #include "upload/ccb_upload.h"
 #include "upload/direct_upload.h"
 #include "upload/job_steps.h"
+#include "upload/module_check.h"
 #include "upload/upload.h"
 
 namespace palimbo {
@@ -46,8 +47,9 @@ int32_t PageSizeOf(JobContext& Ctx, const std::string& Reply) {
 enum class EntryResult { Direct, Ccb, Cancelled, Refused };
 
 // Polls with "i" until the bootloader answers "O" with its page size or "X" for the CCB
-// protocol, at most 26 cycles; then the operator decides.
-EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
+// protocol, at most 26 cycles; then the operator decides, where going on without an answer
+// means anything (`MayAsk`).
+EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize, bool MayAsk) {
   std::string ReplyBuffer;
   std::string Chunk;
   for (int32_t EntryCycles = 0;;) {
@@ -84,7 +86,7 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
       EntryCycles = 0;
     }
   }
-  if (!Ctx.AskYesNo(kNoResponseTitle, kNoResponseText)) {
+  if (!MayAsk || !Ctx.AskYesNo(kNoResponseTitle, kNoResponseText)) {
     Ctx.Log("Failed to enter bootloader mode - ABORTING..");
     Comm_close_32(Ctx.Port(), Ctx.PortHandle);
     return EntryResult::Refused;
@@ -99,7 +101,8 @@ EntryResult PollBootloader(JobContext& Ctx, int32_t& PageSize) {
 }
 
 // The roads of one job on its image; StartUpload adds what a give-up makes of their ends.
-UploadResult RunJob(JobContext& Ctx, const HexReadResult& Read, const std::string& ComPort) {
+UploadResult RunJob(JobContext& Ctx, const HexReadResult& Read, const std::string& ComPort,
+                    WriteMode Mode) {
   const std::string& FirmwareString = Read.FirmwareString;
   Ctx.Log("Firmware read from file. Length " + std::to_string(FirmwareString.size()) + " Bytes.");
   // A module is never erased for a file that gives no image.
@@ -128,8 +131,12 @@ UploadResult RunJob(JobContext& Ctx, const HexReadResult& Read, const std::strin
   SettlingDrain(Ctx);
   Ctx.Log("Entering bootloader mode.");
 
-  switch (PollBootloader(Ctx, PageSize)) {
+  // A check without writing has no use for a module that does not answer.
+  switch (PollBootloader(Ctx, PageSize, Mode != WriteMode::Never)) {
     case EntryResult::Ccb:
+      if (Mode != WriteMode::Always) {
+        if (auto checked = CheckCcbModule(Ctx, FirmwareString, Mode)) return *checked;
+      }
       return StartUpload_CCBProtocol(Ctx, FirmwareString);
     case EntryResult::Cancelled:
       return CancelExit(Ctx);
@@ -145,6 +152,9 @@ UploadResult RunJob(JobContext& Ctx, const HexReadResult& Read, const std::strin
   std::string discarded;
   Comm_lesen_32(Ctx.Port(), Ctx.PortHandle, discarded);
   Ctx.Log("Entered bootloader mode successfully.");
+  if (Mode != WriteMode::Always) {
+    if (auto checked = CheckDirectModule(Ctx, FirmwareString, Mode)) return *checked;
+  }
 
   DirectUpload job{Ctx, FirmwareString, PageSize};
   ProbeAndErase(job);
@@ -159,14 +169,15 @@ UploadResult StartUpload(JobContext& Ctx, const std::string& FirmwareFile,
   return StartUpload(Ctx, Read, ComPort);
 }
 
-UploadResult StartUpload(JobContext& Ctx, const HexReadResult& Image, const std::string& ComPort) {
+UploadResult StartUpload(JobContext& Ctx, const HexReadResult& Image, const std::string& ComPort,
+                         WriteMode Mode) {
   const FineTimerResolution fineTimer;
   Ctx.Cancel = false;
   Ctx.LastAnswerTick = -1;
   Ctx.ResetProgress();
   Ctx.GiveUpReason.clear();
   Ctx.Protocol.clear();
-  UploadResult result = RunJob(Ctx, Image, ComPort);
+  UploadResult result = RunJob(Ctx, Image, ComPort, Mode);
   if (Ctx.GiveUpReason.empty()) return result;
   // A give-up ends the job the way a cancel does, and whichever road that took, the front end
   // must learn it was given up; the reason still tells an image the module had confirmed.

@@ -13,13 +13,6 @@ namespace {
 constexpr int32_t kBlockSize = 128;
 constexpr int16_t kWait = 1000;
 
-void Reboot(JobContext& Ctx, Link& Link) {
-  RebootAndClose(Ctx, [&] {
-    int32_t scratch = 0;
-    CCBSendCommandAndGetAnswer(Link, CCBReboot, "", kWait, scratch);
-  });
-}
-
 void ClosePort(JobContext& Ctx) {
   Comm_close_32(Ctx.Port(), Ctx.PortHandle);
   Ctx.SetProgress(0, 1, kColorBlue, "");
@@ -53,6 +46,13 @@ TransferResult SendBlocks(JobContext& Ctx, Link& Link, const std::string& Firmwa
 
 }  // namespace
 
+void RebootCcbModule(JobContext& Ctx, Link& Link) {
+  RebootAndClose(Ctx, [&] {
+    int32_t scratch = 0;
+    CCBSendCommandAndGetAnswer(Link, CCBReboot, "", kWait, scratch);
+  });
+}
+
 UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString) {
   if (!IsPortOpen(Ctx.PortHandle)) return {UploadOutcome::Failed, "port not open"};
   Link link = Ctx.MakeLink();
@@ -61,7 +61,7 @@ UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString
   if (!CCBSendCommandAndGetAnswer(link, CCBEnter, "", kWait, scratch)) {
     // The flag is still set when the exchange gave up for it, and then no module refused.
     const bool cancelled = Ctx.Cancel;
-    Reboot(Ctx, link);
+    RebootCcbModule(Ctx, link);
     if (cancelled) return {UploadOutcome::Cancelled, "cancelled"};
     return {UploadOutcome::Failed, "the bootloader did not take up the upload"};
   }
@@ -96,7 +96,7 @@ UploadResult StartUpload_CCBProtocol(JobContext& Ctx, std::string FirmwareString
       Ctx.Log("UPLOAD FAILED. RESTARTING!");
     }
   }
-  Reboot(Ctx, link);
+  RebootCcbModule(Ctx, link);
   return {UploadOutcome::Verified, "verified"};
 }
 

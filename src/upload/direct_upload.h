@@ -33,6 +33,9 @@ void ProbeAndErase(DirectUpload& Job);
 /// Returns false when the job took its cancel exit (the port is then closed).
 bool RunPagePass(DirectUpload& Job);
 
+/// Tells the module to reboot ("S") and closes the port, as every direct job ends.
+void RebootDirectModule(JobContext& Ctx, Link& Link);
+
 /// Checks the whole image, starting new page passes while the module's CRC differs, then
 /// reboots the module and closes the port.
 UploadResult VerifyAndReboot(DirectUpload& Job);

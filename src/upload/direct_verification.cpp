@@ -6,6 +6,13 @@
 
 namespace palimbo {
 
+void RebootDirectModule(JobContext& Ctx, Link& Link) {
+  RebootAndClose(Ctx, [&] {
+    int32_t scratch = 0;
+    SendCommandAndGetAnswer(Link, kCmdReboot, "", 250, scratch);
+  });
+}
+
 UploadResult VerifyAndReboot(DirectUpload& Job) {
   JobContext& Ctx = Job.Ctx;
   Link link = Ctx.MakeLink();
@@ -34,10 +41,7 @@ UploadResult VerifyAndReboot(DirectUpload& Job) {
     }
   }
 
-  RebootAndClose(Ctx, [&] {
-    int32_t scratch = 0;
-    SendCommandAndGetAnswer(link, kCmdReboot, "", 250, scratch);
-  });
+  RebootDirectModule(Ctx, link);
   if (verified) return {UploadOutcome::Verified, "verified"};
   // A cancel in the check makes it fail like a bootloader without it; the flag tells them apart.
   if (Ctx.Cancel) return {UploadOutcome::Unverified, "written; the check was cancelled"};

@@ -53,4 +53,18 @@ if ! diff <(normalise "$work/windows.log" "$com") <(normalise "$work/linux.log" 
   exit 1
 fi
 grep -q "UPLOAD SUCCESSFULLY COMPLETED." "$work/windows.log"
+
+# A module that holds the image already: verify says so, and --skip-same only reboots it.
+start_module current --flash-from "$hex"
+ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
+for run in "verify:MODULE HOLDS THIS IMAGE." "flash --skip-same:NOT WRITTEN."; do
+  # shellcheck disable=SC2086  # the command and its option are two words
+  if ! timeout 120 "$wine" "$win_cli" ${run%%:*} --port "$com" "$win_hex" >"$work/check.log" 2>&1 ||
+    ! grep -q "${run#*:}" "$work/check.log"; then
+    echo "Windows ${run%%:*} failed:" >&2
+    cat "$work/check.log" >&2
+    exit 1
+  fi
+done
+check_flash current
 echo "$protocol upload: Windows build under Wine $windows_ms ms, Linux build $linux_ms ms"

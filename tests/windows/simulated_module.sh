@@ -11,10 +11,11 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Starts a simulated module; sets `pts` to its terminal and `sim` to its process.
+# Starts a simulated module, with further options of simulate if given; sets `pts` to its
+# terminal and `sim` to its process.
 start_module() {
   local name=$1
-  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" \
+  "$linux_cli" simulate --protocol "$protocol" --dump "$work/$name.flash" "${@:2}" \
     >"$work/$name.sim" 2>"$work/$name.sim.err" &
   sim=$!
   pids+=("$sim")
