@@ -44,4 +44,5 @@ complete_line() {
 }
 complete_line fl | grep -qx flash || fail "completion lacks the command flash"
 complete_line flash --po | grep -qx -- --port || fail "completion lacks flash --port"
+complete_line ver | grep -qx verify || fail "completion lacks the command verify"
 echo "package $(basename "$deb"): lintian clean, installed programs run"

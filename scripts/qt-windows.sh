@@ -6,7 +6,6 @@
 # PALIMBO_QT_CACHE picks the cache's parent folder (default ~/.cache/palimbo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$PWD
 
 scripts/install-packages.sh cmake ninja-build g++-mingw-w64-x86-64 qt6-base-dev \
   qt6-base-dev-tools dpkg-dev perl python3
@@ -42,29 +41,6 @@ options=(
 )
 # OpenGL and Direct2D stay on: the Windows platform plugin does not build or link without them.
 
-key=$( (printf '%s\n' "$version" "${options[@]}"; cat cmake/mingw-w64-x86_64.cmake) |
-  sha256sum | cut -c1-12)
-cache=${PALIMBO_QT_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/palimbo}
-prefix=$cache/qt-${version%%+*}-mingw-$key
-if [[ -f $prefix/.complete ]]; then
-  echo "$prefix"
-  exit 0
-fi
-
-started=$SECONDS
-work=$cache/work-$key
-rm -rf "$work" "$prefix"
-trap 'rm -rf "$work"' EXIT
-source_dir=$(scripts/debian-source.sh qt6-base "$version" "$work" | tail -n1)
-
-echo "Building Qt $version for Windows into $prefix (about 25 minutes on two cores)" >&2
-cmake -S "$source_dir" -B "$work/build" -G Ninja \
-  -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
-  -DCMAKE_CROSSCOMPILING_EMULATOR= \
-  -DQT_HOST_PATH=/usr -DQT_HOST_PATH_CMAKE_DIR=/usr/lib/x86_64-linux-gnu/cmake \
-  -DCMAKE_INSTALL_PREFIX="$prefix" "${options[@]}" >&2
-cmake --build "$work/build" -j"$(nproc)" >&2
-cmake --install "$work/build" >&2
-touch "$prefix/.complete"
-echo "Qt for Windows built in $((SECONDS - started)) s: $(du -sh "$prefix" | cut -f1)" >&2
-echo "$prefix"
+# The host's Qt tools serve the cross build; where they are is no part of the key.
+exec scripts/windows-library.sh "qt-${version%%+*}" qt6-base "$version" "${options[@]}" -- \
+  -DQT_HOST_PATH=/usr -DQT_HOST_PATH_CMAKE_DIR=/usr/lib/x86_64-linux-gnu/cmake

@@ -59,6 +59,8 @@ TEST_P(ModuleCheck, OutcomeAndTheModulesSide) {
   if (result.Outcome == UploadOutcome::Matches || result.Outcome == UploadOutcome::Differs) {
     EXPECT_EQ(result.ModuleCrc, Crc16Of(module.Flash().substr(0, image.size())));
   }
+  // Nobody is asked whether to go on without an answer, least of all for a check.
+  EXPECT_EQ(run.Job.Question.Asked, 0);
   EXPECT_FALSE(run.Job.Line.IsOpen());
 }
 
