@@ -100,6 +100,12 @@ TEST(Station, ALostPortIsNoModule) {
       {PALIMBO_CLI, "flash", "--station", "--count", "2", "--record", record, "--port", url, file},
       WriteTempFile("flash.err", ""));
   ASSERT_TRUE(station.WaitForText("module 1: verified", 60000)) << station.Output;
+  // Lost while the station polls for the next module, not before it opens the port again.
+  const size_t polling = station.Output.size();
+  for (int i = 0;
+       i < 100 && station.Output.find("Entering bootloader", polling) == std::string::npos; ++i) {
+    station.WaitForText("\x01", 100);
+  }
   server.Server->Signal(SIGKILL);
   server.Server->Wait();
   ASSERT_TRUE(station.WaitForText("; waiting for the port to come back", 20000)) << station.Output;
