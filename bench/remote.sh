@@ -16,15 +16,22 @@ for _ in $(seq 100); do [[ -s $work/port ]] && break; sleep 0.05; done
 pty=$(head -n 1 "$work/port")
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 telnet=$(free_port) raw=$(free_port)
+# ser2net holds what the line sends for a character time or two (chardelay) and its TCP side
+# waits to fill a segment (no nodelay): each short answer of the module comes late. A
+# bootloader's exchange is all short answers, so both are off.
 cat >"$work/ser2net.yaml" <<YAML
 %YAML 1.1
 ---
 connection: &telnet
-  accepter: telnet(rfc2217),tcp,127.0.0.1,$telnet
+  accepter: telnet(rfc2217),tcp(nodelay),127.0.0.1,$telnet
   connector: serialdev,$pty,57600n81,local
+  options:
+    chardelay: false
 connection: &raw
-  accepter: tcp,127.0.0.1,$raw
+  accepter: tcp(nodelay),127.0.0.1,$raw
   connector: serialdev,$pty,57600n81,local
+  options:
+    chardelay: false
 YAML
 /usr/sbin/ser2net -n -d -c "$work/ser2net.yaml" -P "$work/ser2net.pid" >/dev/null 2>&1 &
 sleep 1

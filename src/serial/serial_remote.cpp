@@ -87,13 +87,11 @@ bool IsIpv4(std::string_view Text) {
          });
 }
 
-// Eight groups of up to four hex digits, a "::" once for a run of zero groups, and the last
-// two groups perhaps written as an IPv4 address.
+// Eight groups of up to four hex digits, a "::" once for a run of zero groups (a second one
+// leaves an empty group behind the first), and the last two groups perhaps written as an IPv4
+// address.
 bool IsIpv6(std::string_view Text) {
   const size_t gap = Text.find("::");
-  if (gap != std::string_view::npos && Text.find("::", gap + 1) != std::string_view::npos) {
-    return false;
-  }
   size_t groups = 0;
   const auto countGroups = [&](std::string_view Part, bool MayEndInIpv4) {
     if (Part.empty()) return true;

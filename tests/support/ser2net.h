@@ -44,16 +44,17 @@ inline bool Listens(int Port) {
   return false;
 }
 
-// ser2net serving each device twice: by RFC 2217 and as a raw TCP stream.
+// ser2net serving each device twice: by RFC 2217 and as a raw TCP stream, each short answer
+// passed on at once (no character delay, TCP_NODELAY), as a station's server is set up.
 struct Ser2net {
   explicit Ser2net(const std::vector<std::string>& Devices) {
     std::string config = "%YAML 1.1\n---\n";
     for (const std::string& device : Devices) {
-      for (const char* accepter : {"telnet(rfc2217),tcp", "tcp"}) {
+      for (const char* accepter : {"telnet(rfc2217),tcp(nodelay)", "tcp(nodelay)"}) {
         Ports.push_back(FreePort());
         config += "connection: &c" + std::to_string(Ports.back()) + "\n  accepter: " + accepter +
                   ",127.0.0.1," + std::to_string(Ports.back()) + "\n  connector: serialdev," +
-                  device + ",57600n81,local\n";
+                  device + ",57600n81,local\n  options:\n    chardelay: false\n";
       }
     }
     Config = WriteTempFile("ser2net.yaml", config);
