@@ -1,6 +1,7 @@
-# Debian's Mbed TLS, for digests: the system's library on Linux; for Windows a static one built
-# once from Debian's source and cached (scripts/mbedtls-windows.sh), found here by itself so that
-# every Windows build (tests, window, packages) gets it the same way.
+# Debian's Mbed TLS, for digests and for secured network ports: the system's libraries on
+# Linux; for Windows static ones built once from Debian's source and cached
+# (scripts/mbedtls-windows.sh), found here by themselves so that every Windows build (tests,
+# window, packages) gets them the same way. Targets palimbo::mbedcrypto and palimbo::mbedtls.
 if(WIN32 AND CMAKE_CROSSCOMPILING)
   if(NOT PALIMBO_MBEDTLS_PREFIX)
     execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/mbedtls-windows.sh
@@ -11,15 +12,22 @@ if(WIN32 AND CMAKE_CROSSCOMPILING)
     string(REGEX REPLACE ".*\n([^\n]+)\n?$" "\\1" built "\n${built}")
     set(PALIMBO_MBEDTLS_PREFIX ${built} CACHE PATH "Mbed TLS built for Windows")
   endif()
-  add_library(palimbo::mbedcrypto STATIC IMPORTED)
-  set_target_properties(palimbo::mbedcrypto PROPERTIES
-    IMPORTED_LOCATION ${PALIMBO_MBEDTLS_PREFIX}/lib/libmbedcrypto.a
-    INTERFACE_INCLUDE_DIRECTORIES ${PALIMBO_MBEDTLS_PREFIX}/include)
+  set(mbedtls_include ${PALIMBO_MBEDTLS_PREFIX}/include)
+  foreach(library mbedcrypto mbedx509 mbedtls)
+    set(mbedtls_${library} ${PALIMBO_MBEDTLS_PREFIX}/lib/lib${library}.a)
+  endforeach()
 else()
-  find_path(PALIMBO_MBEDTLS_INCLUDE mbedtls/sha256.h REQUIRED)
-  find_library(PALIMBO_MBEDCRYPTO mbedcrypto REQUIRED)
-  add_library(palimbo::mbedcrypto UNKNOWN IMPORTED)
-  set_target_properties(palimbo::mbedcrypto PROPERTIES
-    IMPORTED_LOCATION ${PALIMBO_MBEDCRYPTO}
-    INTERFACE_INCLUDE_DIRECTORIES ${PALIMBO_MBEDTLS_INCLUDE})
+  find_path(mbedtls_include mbedtls/ssl.h REQUIRED)
+  foreach(library mbedcrypto mbedx509 mbedtls)
+    find_library(mbedtls_${library} ${library} REQUIRED)
+  endforeach()
 endif()
+add_library(palimbo::mbedcrypto UNKNOWN IMPORTED)
+set_target_properties(palimbo::mbedcrypto PROPERTIES
+  IMPORTED_LOCATION ${mbedtls_mbedcrypto} INTERFACE_INCLUDE_DIRECTORIES ${mbedtls_include})
+add_library(palimbo::mbedx509 UNKNOWN IMPORTED)
+set_target_properties(palimbo::mbedx509 PROPERTIES
+  IMPORTED_LOCATION ${mbedtls_mbedx509} INTERFACE_LINK_LIBRARIES palimbo::mbedcrypto)
+add_library(palimbo::mbedtls UNKNOWN IMPORTED)
+set_target_properties(palimbo::mbedtls PROPERTIES
+  IMPORTED_LOCATION ${mbedtls_mbedtls} INTERFACE_LINK_LIBRARIES palimbo::mbedx509)

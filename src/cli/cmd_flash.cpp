@@ -17,9 +17,10 @@ const char* const kUsage =
     "Writes the Intel HEX file FILE into the module behind the serial port, the same job as\n"
     "the window's START. With several ports every module is written at once.\n\n"
     "  --port NAME        serial port (/dev/ttyUSB0, COM5, rfc2217://HOST:PORT for a network\n"
-    "                     serial server, socket://HOST:PORT for a raw TCP one); give it again\n"
-    "                     for more modules; without it the controller's USB adapter is\n"
-    "                     looked for\n"
+    "                     serial server, socket://HOST:PORT for a raw TCP one; rfc2217+tls://\n"
+    "                     and socket+tls:// secure them, with ?ca=FILE&cert=FILE&key=FILE);\n"
+    "                     give it again for more modules; without it the controller's USB\n"
+    "                     adapter is looked for\n"
     "  --all              every controller adapter the scan accepts\n"
     "  --yes              go on when the bootloader does not answer (else asked on a terminal\n"
     "                     with one module, else No)\n"
@@ -30,7 +31,8 @@ const char* const kUsage =
     "                     (FILE.1, FILE.2, ... with several modules)\n"
     "  --record FILE      append one JSON line per upload to FILE: time, host, version, port,\n"
     "                     file with its image's length and CRC and its SHA-256, protocol,\n"
-    "                     outcome, reason, seconds; a line that cannot be written fails the\n"
+    "                     outcome, reason, seconds, a secured server's certificate SHA-256; a line "
+    "that cannot be written fails the\n"
     "                     run (and stops a station)\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 (as sha256sum prints it) is HEX\n"
     "  --skip-same        ask each module's checksum first; one that holds the image already\n"
@@ -81,10 +83,12 @@ std::string Sha256Argument(const std::string& Text) {
   return digest;
 }
 
-// A network port's URL is an argument like any other: a wrong one is told before anything opens.
+// A network port's URL, and a secured port's files, are arguments like any other: a wrong one
+// is told before anything opens.
 void CheckPortArgument(const std::string& Port) {
-  std::string error;
-  if (IsRemotePortName(Port) && !ParseRemotePortUrl(Port, error)) throw UsageError(error);
+  if (const std::string problem = PortNameProblem(Port); !problem.empty()) {
+    throw UsageError(problem);
+  }
 }
 
 // What flash and verify share: the ports, the file, the record, the display; `Verify` makes

@@ -85,6 +85,7 @@ class ModuleJob final : public JobLog,
     ctx_ = nullptr;
     result.Protocol = protocol_;
     result.PortLost = port_lost_;
+    result.ServerFingerprint = port->ServerFingerprint();
     // At a station the wait for the next module is the operator's time, not the module's.
     const bool fromAnswer = request_.Station && !protocol_.empty();
     result.Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() -

@@ -21,8 +21,9 @@ struct ModuleResult {
   std::time_t Started = 0;  ///< when the job began, by the calendar
   UploadResult Result{UploadOutcome::Failed, ""};
   int ExitStatus = 1;
-  std::string PortLost;  ///< "port NAME lost: why" when the port went away under the job
-  std::string Record;    ///< with a record: "written", or "not written: " and why
+  std::string PortLost;           ///< "port NAME lost: why" when the port went away under the job
+  std::string Record;             ///< with a record: "written", or "not written: " and why
+  std::string ServerFingerprint;  ///< SHA-256 of the server's certificate on a secured port
 };
 
 /// A CRC as the log, the record and the JSON results show it: "A981".

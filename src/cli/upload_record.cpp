@@ -38,6 +38,8 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
       {"seconds", static_cast<double>(static_cast<int64_t>(Result.Seconds * 10 + 0.5)) / 10},
       {"exit_status", Result.ExitStatus},
   };
+  // Which server an upload went through, for an audit of a secured network port.
+  if (!Result.ServerFingerprint.empty()) line["server_sha256"] = Result.ServerFingerprint;
   if (Result.Result.ModuleCrc >= 0) line["module_crc"] = CrcText(Result.Result.ModuleCrc);
   if (Module > 0) line["module"] = Module;
   const std::lock_guard guard(lock_);

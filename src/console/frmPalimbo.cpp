@@ -395,10 +395,9 @@ void frmPalimbo::cmdStart_Click() {
     SaveSetting(QStringLiteral("Port"), cmbComPort->currentText());
     SaveSetting(QStringLiteral("File"), txtFirmwareFile->text());
     // A mistyped network port is told in the list, and no job starts for it.
-    std::string UrlError;
-    const std::string PortName = Bytes(cmbComPort->currentText());
-    if (IsRemotePortName(PortName) && !ParseRemotePortUrl(PortName, UrlError)) {
-      Log(Text(UrlError));
+    const std::string PortProblem = PortNameProblem(Bytes(cmbComPort->currentText()));
+    if (!PortProblem.empty()) {
+      Log(Text(PortProblem));
       return;
     }
     job_->Cancel = false;

@@ -44,6 +44,9 @@ class SerialBackend {
   /// Waits until input is waiting or `MaxMicros` have passed, whichever is first.
   /// Returns at once when input is already waiting or the handle is not open.
   virtual void WaitForInput(int32_t Handle, int32_t MaxMicros) = 0;
+  /// The SHA-256 of the server's certificate (as `sha256sum` prints a digest) for the secured
+  /// network port opened last, kept until the next `Open`; empty for every other port.
+  virtual std::string ServerFingerprint() const { return {}; }
   /// Asked now and then while an `Open` waits (for a name, a connection, a server's word);
   /// true stops that open, which then fails with "cancelled". Ports that open at once never
   /// wait and never ask.

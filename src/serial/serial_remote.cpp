@@ -43,25 +43,37 @@ bool StartsWithNoCase(std::string_view Text, std::string_view Prefix) {
          });
 }
 
-// Where the host of "HOST:PORT..." ends: behind the bracket of an IPv6 address, else at the
-// first ":". npos when the text has no port part.
-size_t HostEnd(std::string_view Text) {
-  if (!Text.empty() && Text.front() == '[') {
-    const size_t close = Text.find(']');
-    if (close == std::string_view::npos || close + 1 >= Text.size() || Text[close + 1] != ':') {
-      return std::string_view::npos;
-    }
-    return close + 1;
-  }
-  return Text.find(':');
-}
-
 // The schemes of network ports.
 struct RemoteScheme {
   std::string_view Name;
   bool Telnet;
+  bool Tls;
 };
-constexpr RemoteScheme kSchemes[] = {{"rfc2217", true}, {"socket", false}};
+constexpr RemoteScheme kSchemes[] = {{"rfc2217", true, false},
+                                     {"socket", false, false},
+                                     {"rfc2217+tls", true, true},
+                                     {"socket+tls", false, true}};
+
+// Takes the files of a secured port from the URL's query, "ca=FILE&cert=FILE&key=FILE";
+// empty when it could, else what is wrong.
+std::string TakeTlsQuery(std::string_view Query, TlsFiles& Files) {
+  while (!Query.empty()) {
+    const size_t end = std::min(Query.find('&'), Query.size());
+    const std::string_view pair = Query.substr(0, end);
+    Query.remove_prefix(std::min(end + 1, Query.size()));
+    const size_t equals = pair.find('=');
+    const std::string_view key = pair.substr(0, equals);
+    const std::string value(equals == std::string_view::npos ? "" : pair.substr(equals + 1));
+    std::string* field = key == "ca"     ? &Files.CaFile
+                         : key == "cert" ? &Files.CertFile
+                         : key == "key"  ? &Files.KeyFile
+                                         : nullptr;
+    if (field == nullptr) return "'" + std::string(pair) + "' is none of ca=, cert=, key=";
+    if (value.empty()) return std::string(key) + "= names no file";
+    *field = value;
+  }
+  return {};
+}
 
 bool AllDigits(std::string_view Text) {
   return !Text.empty() &&
@@ -200,8 +212,16 @@ struct Connection {
   RemotePortUrl Url;
   NetSocket Socket;
   TelnetDecoder Decoder;
-  std::string Input;      // data bytes arrived and not yet read
-  std::string ClosedWhy;  // set once the stream has ended; reported when Input is empty
+  std::string Input;               // data bytes arrived and not yet read
+  std::string ClosedWhy;           // set once the stream has ended; reported when Input is empty
+  std::unique_ptr<TlsStream> Tls;  // on a secured port, what goes through the socket
+
+  int64_t Send(const char* Data, size_t Count, std::string& Error) {
+    return Tls ? Tls->Send(Data, Count, Error) : Socket.Send(Data, Count, Error);
+  }
+  int64_t Receive(char* Buffer, size_t Count, std::string& Error) {
+    return Tls ? Tls->Receive(Buffer, Count, Error) : Socket.Receive(Buffer, Count, Error);
+  }
 };
 
 class RemoteSerialBackend final : public SerialBackend {
@@ -209,6 +229,7 @@ class RemoteSerialBackend final : public SerialBackend {
   int32_t Open(const std::string& PortName, const std::string& LineSettingsText) override;
   std::string LastOpenError() const override { return last_error_; }
   std::string LostReason() const override { return lost_reason_; }
+  std::string ServerFingerprint() const override { return fingerprint_; }
   int32_t BytesWaiting(int32_t Handle) override;
   int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
   int32_t Write(int32_t Handle, const std::string& Data) override;
@@ -230,6 +251,14 @@ class RemoteSerialBackend final : public SerialBackend {
   bool IsLost(int32_t Handle) const {
     return std::find(lost_.begin(), lost_.end(), Handle) != lost_.end();
   }
+  // A secured server that admits no one it does not know may close the connection only after
+  // the handshake (TLS 1.3 sends the verdict then): that is a refusal, not a lost line.
+  static std::string ClosedAfterHandshake(const Connection& C, const std::string& Reason) {
+    if (!C.Tls || C.ClosedWhy.empty()) return Reason;
+    return "the server closed the connection right after the TLS handshake: it does not admit "
+           "our certificate (" +
+           Reason + ")";
+  }
   int32_t FailOpen(std::string Reason) {
     last_error_ = std::move(Reason);
     return -1;
@@ -250,6 +279,7 @@ class RemoteSerialBackend final : public SerialBackend {
   int32_t next_handle_ = 0;
   std::string last_error_;
   std::string lost_reason_;
+  std::string fingerprint_;
   std::function<bool()> interrupted_;
 };
 
@@ -274,15 +304,29 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
                         : "cannot connect to " + url->Host + ":" + url->Port + ": " + error);
   }
   auto c = std::unique_ptr<Connection>(
-      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}});
+      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}, {}});
+  fingerprint_.clear();
+  if (c->Url.Tls) {
+    // Before a byte of firmware goes out, the server proves who it is, and so do we.
+    c->Tls = TlsStream::Handshake(
+        c->Socket, url->Host, url->Files, kConnectTimeoutMs, [this] { return Interrupted(); },
+        error);
+    if (!c->Tls) return FailOpen(error);
+    if (c->Tls->ServerAskedForCertificate() && url->Files.CertFile.empty()) {
+      return FailOpen("the server asks for a client certificate: give cert=FILE&key=FILE");
+    }
+  }
   if (c->Url.Telnet) {
     error = NegotiateSettings(*c, *wanted, settings);
-    if (!error.empty()) return FailOpen(error);
+    if (!error.empty()) return FailOpen(ClosedAfterHandshake(*c, error));
   }
   // Whatever came before the port was ours belongs to nobody.
   Pump(*c);
   c->Input.clear();
-  if (!c->ClosedWhy.empty()) return FailOpen("the server closed the connection: " + c->ClosedWhy);
+  if (!c->ClosedWhy.empty()) {
+    return FailOpen(ClosedAfterHandshake(*c, "the server closed the connection: " + c->ClosedWhy));
+  }
+  if (c->Tls) fingerprint_ = c->Tls->ServerFingerprint();
   // Handle numbers are not reused, so a lost port's number never names a new one.
   ++next_handle_;
   open_.push_back(std::move(c));
@@ -361,7 +405,7 @@ void RemoteSerialBackend::Pump(Connection& C) {
   // A server that never stops sending still lets the caller return to its loop.
   for (size_t taken = 0; taken < kMaxPumpBytes; taken += sizeof chunk) {
     std::string error;
-    const int64_t n = C.Socket.Receive(chunk, sizeof chunk, error);
+    const int64_t n = C.Receive(chunk, sizeof chunk, error);
     if (n < 0) {
       C.ClosedWhy = error;
       break;
@@ -394,7 +438,7 @@ size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, boo
       return done;
     }
     if (!held) {
-      const int64_t n = C.Socket.Send(Bytes.data() + done, Bytes.size() - done, Error);
+      const int64_t n = C.Send(Bytes.data() + done, Bytes.size() - done, Error);
       if (n < 0) return done;
       done += static_cast<size_t>(n);
       if (done == Bytes.size()) break;
@@ -495,11 +539,23 @@ std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::stri
     if (schemeEnd == s.Name.size() && StartsWithNoCase(Name, s.Name)) scheme = &s;
   }
   if (scheme == nullptr) {
-    Error = quoted + " is no network port: write rfc2217://HOST:PORT or socket://HOST:PORT";
+    Error = quoted +
+            " is no network port: write rfc2217://HOST:PORT or socket://HOST:PORT, with +tls "
+            "behind the scheme for a secured one";
     return std::nullopt;
   }
   const std::string form = std::string(scheme->Name) + "://";
-  const std::string_view rest = Name.substr(schemeEnd + 3);
+  std::string_view rest = Name.substr(schemeEnd + 3);
+  RemotePortUrl url;
+  // A secured port takes its files as the URL's query.
+  const size_t query = scheme->Tls ? rest.find('?') : std::string_view::npos;
+  if (query != std::string_view::npos) {
+    if (const std::string why = TakeTlsQuery(rest.substr(query + 1), url.Files); !why.empty()) {
+      Error = quoted + ": " + why;
+      return std::nullopt;
+    }
+    rest = rest.substr(0, query);
+  }
   const size_t end = rest.find_first_of("/?#");
   if (end != std::string_view::npos) {
     Error = quoted + " has '" + std::string(rest.substr(end)) + "' behind the port: write " + form +
@@ -538,8 +594,8 @@ std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::stri
     Error = quoted + ": port " + std::string(port) + " is not from 1 to 65535";
     return std::nullopt;
   }
-  RemotePortUrl url;
   url.Telnet = scheme->Telnet;
+  url.Tls = scheme->Tls;
   url.Host = bracketed ? host.substr(1, host.size() - 2) : host;
   url.Port = std::to_string(value);
   return url;
@@ -548,18 +604,23 @@ std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::stri
 std::optional<std::pair<std::string, std::string>> SplitRemoteSetting(const std::string& PortName,
                                                                       const std::string& Rest) {
   if (!IsRemotePortName(PortName + ":") || !Rest.starts_with("//")) return std::nullopt;
-  const std::string_view address = std::string_view(Rest).substr(2);
-  const size_t hostEnd = HostEnd(address);
-  size_t cut = std::string_view::npos;
-  if (hostEnd != std::string_view::npos) {
-    cut = address.find(':', hostEnd + 1);
-    // One ":" behind the host leads to a port (digits) or to line settings without a port.
-    if (cut == std::string_view::npos && !AllDigits(address.substr(hostEnd + 1))) cut = hostEnd;
+  // Line settings hold no ":", so the last one parts them from the URL, whose query may name
+  // a file with a drive letter; a URL that ends in its port has no line settings behind it.
+  const size_t cut = Rest.rfind(':');
+  if (cut == std::string::npos || AllDigits(std::string_view(Rest).substr(cut + 1))) {
+    return std::pair{PortName + ":" + Rest, std::string()};
   }
-  // Without line settings the whole is the name, and opening it says what is wrong.
-  if (cut == std::string_view::npos) return std::pair{PortName + ":" + Rest, std::string()};
-  return std::pair{PortName + "://" + std::string(address.substr(0, cut)),
-                   std::string(address.substr(cut + 1))};
+  return std::pair{PortName + ":" + Rest.substr(0, cut), Rest.substr(cut + 1)};
+}
+
+std::string PortNameProblem(std::string_view Name) {
+  if (!IsRemotePortName(Name)) return {};
+  std::string error;
+  const auto url = ParseRemotePortUrl(Name, error);
+  if (!url) return error;
+  if (!url->Tls) return {};
+  error = CheckTlsFiles(url->Files);
+  return error.empty() ? error : "'" + std::string(Name) + "': " + error;
 }
 
 std::unique_ptr<SerialBackend> MakeRemoteSerialBackend() {

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "serial/serial_backend.h"
+#include "serial/tls_stream.h"
 
 namespace palimbo {
 
@@ -15,12 +16,19 @@ namespace palimbo {
 /// or an IPv6 address in brackets.
 struct RemotePortUrl {
   bool Telnet = false;
+  bool Tls = false;  ///< `rfc2217+tls://` and `socket+tls://`: the connection is secured
   std::string Host;
   std::string Port;
+  TlsFiles Files;  ///< from the query of a secured port: `?ca=FILE&cert=FILE&key=FILE`
 };
 
 /// The parts of a network port's name; nothing, and why in `Error`, for a name that is not one.
 std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::string& Error);
+
+/// What is wrong with a port's name where it is a network port's URL: its form, and for a
+/// secured port its files; empty for a good URL and for any other port's name. Front ends ask
+/// it before anything opens, so that a wrong URL is a wrong argument.
+std::string PortNameProblem(std::string_view Name);
 
 /// True when `Name` starts as a network port's name does ("rfc2217:" or "socket:", in any case).
 bool IsRemotePortName(std::string_view Name);

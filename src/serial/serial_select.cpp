@@ -25,6 +25,7 @@ class SelectingSerialBackend final : public SerialBackend {
   }
   std::string LastOpenError() const override { return last_->LastOpenError(); }
   std::string LostReason() const override { return last_->LostReason(); }
+  std::string ServerFingerprint() const override { return last_->ServerFingerprint(); }
   int32_t BytesWaiting(int32_t Handle) override {
     return IsRemote(Handle) ? remote_->BytesWaiting(Handle - kRemoteHandleBase)
                             : local_->BytesWaiting(Handle);

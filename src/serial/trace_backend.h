@@ -24,6 +24,7 @@ class TraceBackend final : public SerialBackend {
   int32_t Open(const std::string& PortName, const std::string& LineSettings) override;
   std::string LastOpenError() const override;
   std::string LostReason() const override;
+  std::string ServerFingerprint() const override { return inner_.ServerFingerprint(); }
   int32_t BytesWaiting(int32_t Handle) override;
   int16_t Read(int32_t Handle, int32_t Count, std::string& Buffer) override;
   int32_t Write(int32_t Handle, const std::string& Data) override;

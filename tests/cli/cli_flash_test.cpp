@@ -86,15 +86,18 @@ TEST(Flash, CtrlCWhileAPortOpensCancels) {
   ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   // The system takes the connection; nobody ever answers on it.
   ASSERT_EQ(listen(server, 4), 0);
-  Process flash(
-      {PALIMBO_CLI, "flash", "--port", "rfc2217://127.0.0.1:" + std::to_string(port), file},
-      testing::WriteTempFile("flash.err", ""));
-  usleep(500000);
-  const auto pressed = std::chrono::steady_clock::now();
-  flash.Signal(SIGINT);
-  EXPECT_EQ(flash.Wait(), 1);
-  EXPECT_LT(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(1000));
-  EXPECT_NE(flash.Output.find("\tOperation cancelled.\n"), std::string::npos) << flash.Output;
+  // The line settings wait for the server's word, a secured port for its handshake.
+  for (const char* scheme : {"rfc2217", "socket+tls"}) {
+    Process flash({PALIMBO_CLI, "flash", "--port",
+                   std::string(scheme) + "://127.0.0.1:" + std::to_string(port), file},
+                  testing::WriteTempFile("flash.err", ""));
+    usleep(500000);
+    const auto pressed = std::chrono::steady_clock::now();
+    flash.Signal(SIGINT);
+    EXPECT_EQ(flash.Wait(), 1) << scheme;
+    EXPECT_LT(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(1000));
+    EXPECT_NE(flash.Output.find("\tOperation cancelled.\n"), std::string::npos) << flash.Output;
+  }
   close(server);
 }
 

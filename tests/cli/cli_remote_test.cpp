@@ -25,8 +25,8 @@ namespace {
 
 using testing::FreePort;
 using testing::Process;
-using testing::Ser2net;
 using testing::ReadAll;
+using testing::Ser2net;
 using testing::WriteTempFile;
 
 // Bytes Telnet must escape or could mangle: 0xFF in runs and alone, CR before NUL and LF.

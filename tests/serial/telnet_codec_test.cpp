@@ -83,21 +83,30 @@ TEST(RemotePortUrl, NamesAndSettingStrings) {
       {"rfc2217://[12345::]:1", "host"}, {"rfc2217://[::1:5", "host '[::1' is not"},
       {"socket://h:1/x", "'/x' behind the port"}, {"tcp://h:1", "is no network port"},
       {"/dev/ttyUSB0", "is no network port"},
+      {"rfc2217+tls://h:1?ca=c.pem&cert=a.pem&key=b.pem", "telnet h 1 c.pem a.pem b.pem"},
+      {"SOCKET+TLS://[::1]:2", "raw ::1 2   "}, {"socket+tls://h:1?crt=a", "'crt=a' is none of"},
+      {"socket+tls://h:1?ca=", "ca= names no file"}, {"socket://h:1?ca=x", "'?ca=x' behind"},
   };
   // clang-format on
   for (const auto& [name, expected] : names) {
     std::string error;
     const auto url = ParseRemotePortUrl(name, error);
+    const std::string files = url && url->Tls ? " " + url->Files.CaFile + " " +
+                                                    url->Files.CertFile + " " + url->Files.KeyFile
+                                              : "";
     const std::string got =
-        url ? (url->Telnet ? "telnet " : "raw ") + url->Host + " " + url->Port : error;
+        url ? (url->Telnet ? "telnet " : "raw ") + url->Host + " " + url->Port + files : error;
     EXPECT_THAT(got, ::testing::HasSubstr(expected)) << name;
   }
-  // A setting string is cut at its first ":", behind the scheme.
+  // A setting string is cut at its last ":", behind the URL.
   using Split = std::optional<std::pair<std::string, std::string>>;
   EXPECT_EQ(SplitRemoteSetting("rfc2217", "//[::1]:2000:57600,N,8,1"),
             Split({"rfc2217://[::1]:2000", "57600,N,8,1"}));
   EXPECT_EQ(SplitRemoteSetting("socket", "//h:1:baud=9600 parity=n"),
             Split({"socket://h:1", "baud=9600 parity=n"}));
+  EXPECT_EQ(SplitRemoteSetting("rfc2217+tls", "//h:1?ca=C:\\ca.pem:57600,N,8,1"),
+            Split({"rfc2217+tls://h:1?ca=C:\\ca.pem", "57600,N,8,1"}));
+  EXPECT_EQ(SplitRemoteSetting("socket", "//h:1"), Split({"socket://h:1", ""}));
   EXPECT_EQ(SplitRemoteSetting("COM7", "57600,N,8,1"), std::nullopt);
   // Without a port the open says so, not that the line settings are bad.
   const auto port = MakeSystemSerialBackend();

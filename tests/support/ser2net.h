@@ -46,15 +46,18 @@ inline bool Listens(int Port) {
 
 // ser2net serving each device twice: by RFC 2217 and as a raw TCP stream, each short answer
 // passed on at once (no character delay, TCP_NODELAY), as a station's server is set up.
+// `Secure` (an ssl layer) and `Options` (more connection options) make a secured server.
 struct Ser2net {
-  explicit Ser2net(const std::vector<std::string>& Devices) {
+  explicit Ser2net(const std::vector<std::string>& Devices, const std::string& Secure = "",
+                   const std::string& Options = "") {
     std::string config = "%YAML 1.1\n---\n";
+    const std::string tcp = Secure.empty() ? "tcp(nodelay)" : Secure + ",tcp(nodelay)";
     for (const std::string& device : Devices) {
-      for (const char* accepter : {"telnet(rfc2217),tcp(nodelay)", "tcp(nodelay)"}) {
+      for (const std::string& accepter : {"telnet(rfc2217)," + tcp, tcp}) {
         Ports.push_back(FreePort());
         config += "connection: &c" + std::to_string(Ports.back()) + "\n  accepter: " + accepter +
                   ",127.0.0.1," + std::to_string(Ports.back()) + "\n  connector: serialdev," +
-                  device + ",57600n81,local\n  options:\n    chardelay: false\n";
+                  device + ",57600n81,local\n  options:\n    chardelay: false\n" + Options;
       }
     }
     Config = WriteTempFile("ser2net.yaml", config);

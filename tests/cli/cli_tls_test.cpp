@@ -1,0 +1,111 @@
+// flash through a network serial server that admits only known stations: Debian's ser2net with
+// its ssl layer on the loopback address, and certificates that the test makes with openssl.
+#include <signal.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/process.h"
+#include "support/ser2net.h"
+#include "support/temp_file.h"
+#include "support/upload_run.h"
+
+namespace palimbo {
+namespace {
+
+using testing::Process;
+using testing::ReadAll;
+using testing::WriteTempFile;
+
+// The certificates of tests/support/make_pki.sh, made anew for the test.
+std::string MakeCertificates() {
+  const std::string pki = (testing::TestFolder() / "pki").string();
+  EXPECT_EQ(std::system(("sh " PALIMBO_MAKE_PKI " " + pki).c_str()), 0);
+  return pki;
+}
+
+std::string Fingerprint(const std::string& Certificate) {
+  FILE* sum = popen(("openssl x509 -outform der -in " + Certificate + " | sha256sum").c_str(), "r");
+  char digest[65] = {};
+  EXPECT_EQ(std::fread(digest, 1, 64, sum), 64u);
+  pclose(sum);
+  return digest;
+}
+
+TEST(SecuredPort, OnlyAKnownStationFlashesAndEveryRefusalSaysWhy) {
+  const std::string pki = MakeCertificates();
+  std::string image = testing::TestImage(2000);
+  for (size_t i = 0; i < image.size(); i += 2) image[i] = '\xff';
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(image));
+  const std::string dump = WriteTempFile("m.flash", "");
+  Process modules(
+      {PALIMBO_CLI, "simulate", "--count", "3", "--protocol", "direct,ccb", "--dump", dump},
+      WriteTempFile("simulate.err", ""));
+  modules.FirstLine(10000);
+  std::vector<std::string> devices;
+  std::istringstream paths(modules.Output);
+  for (std::string path; std::getline(paths, path);) devices.push_back(path);
+  ASSERT_EQ(devices.size(), 3u);
+  testing::Ser2net secured({devices[0], devices[1]},
+                           "ssl(key=" + pki + "/server.key,cert=" + pki + "/server.crt,CA=" + pki +
+                               "/ca.crt,clientauth)",
+                           "    authdir: " + pki + "/auth\n");
+  testing::Ser2net plain({devices[2]});
+  const auto secure = [&](size_t Device, bool Telnet, const std::string& Query) {
+    std::string url = secured.Url(Device, Telnet);
+    return url.insert(url.find(':'), "+tls") + Query;
+  };
+  const std::string station =
+      "?ca=" + pki + "/ca.crt&cert=" + pki + "/station.crt&key=" + pki + "/station.key";
+
+  // Both kinds of secured port, into a module of each protocol.
+  const std::string record = WriteTempFile("record.jsonl", "");
+  Process flash({PALIMBO_CLI, "flash", "--record", record, "--port", secure(0, true, station),
+                 "--port", secure(1, false, station), file},
+                WriteTempFile("flash.err", ""));
+  EXPECT_EQ(flash.Wait(), 0) << flash.Output << ReadAll(testing::TestFolder() / "flash.err");
+  std::ifstream lines(record);
+  int recorded = 0;
+  for (std::string line; std::getline(lines, line); ++recorded) {
+    EXPECT_EQ(nlohmann::json::parse(line)["server_sha256"], Fingerprint(pki + "/server.crt"));
+  }
+  EXPECT_EQ(recorded, 2);
+
+  struct Refusal {
+    std::string Url;
+    int Status;
+    const char* Message;
+  } const refusals[] = {
+      {secure(0, true,
+              "?ca=" + pki + "/other.crt&cert=" + pki + "/station.crt&key=" + pki + "/station.key"),
+       1, "the server's certificate is not trusted: it was issued by CN=Palimbo test CA"},
+      {"rfc2217+tls://localhost" + secure(0, true, station).substr(23), 1,
+       "the server's certificate is for 127.0.0.1, not localhost"},
+      {secure(0, true,
+              "?ca=" + pki + "/ca.crt&cert=" + pki + "/stranger.crt&key=" + pki + "/stranger.key"),
+       1, "the server refused our certificate"},
+      {secure(1, false, "?ca=" + pki + "/ca.crt"), 1, "the server asks for a client certificate"},
+      {secure(0, true,
+              "?ca=" + pki + "/ca.crt&cert=" + pki + "/station.crt&key=" + pki + "/stranger.key"),
+       2, "does not belong to certificate"},
+      {"rfc2217+tls" + plain.Url(0, true).substr(7) + station, 1, "the server does not speak TLS"},
+  };
+  for (const Refusal& row : refusals) {
+    const std::string err = WriteTempFile("refused.err", "");
+    Process refused({PALIMBO_CLI, "flash", "--port", row.Url, file}, err);
+    EXPECT_EQ(refused.Wait(), row.Status) << row.Url;
+    EXPECT_NE(ReadAll(err).find(row.Message), std::string::npos) << row.Url << "\n" << ReadAll(err);
+  }
+  modules.Signal(SIGTERM);
+  modules.Wait();
+  for (int m = 1; m <= 2; ++m) {
+    EXPECT_EQ(ReadAll(dump + "." + std::to_string(m)).substr(0, image.size()), image) << m;
+  }
+}
+
+}  // namespace
+}  // namespace palimbo
