@@ -46,11 +46,7 @@ TEST(RemotePort, BothKindsFlashBothProtocolsBesideALocalPort) {
   Process modules({PALIMBO_CLI, "simulate", "--count", "5", "--protocol", "direct,ccb,direct,ccb",
                    "--dump", dump},
                   WriteTempFile("simulate.err", ""));
-  // simulate prints every device path, then flushes once.
-  modules.FirstLine(10000);
-  std::vector<std::string> devices;
-  std::istringstream paths(modules.Output);
-  for (std::string path; std::getline(paths, path);) devices.push_back(path);
+  const std::vector<std::string> devices = modules.Lines(10000);
   ASSERT_EQ(devices.size(), 5u) << modules.Output;
   Ser2net server({devices[0], devices[1], devices[2], devices[3]});
   const std::vector<std::string> ports = {server.Url(0, true), server.Url(1, true),

@@ -163,10 +163,7 @@ TEST(Record, ALineThatIsNotWrittenFailsTheRun) {
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
   Process modules({PALIMBO_CLI, "simulate", "--count", "3", "--replace-after-ms", "500"},
                   WriteTempFile("simulate.err", ""));
-  modules.FirstLine(10000);
-  std::vector<std::string> ports;
-  std::istringstream paths(modules.Output);
-  for (std::string path; std::getline(paths, path);) ports.push_back(path);
+  const std::vector<std::string> ports = modules.Lines(10000);
   ASSERT_EQ(ports.size(), 3u);
   // Room for this much and no more: the line falls short, and its part must go again.
   const std::string before(200, 'x');

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -45,10 +44,7 @@ TEST(SecuredPort, OnlyAKnownStationFlashesAndEveryRefusalSaysWhy) {
   Process modules(
       {PALIMBO_CLI, "simulate", "--count", "3", "--protocol", "direct,ccb", "--dump", dump},
       WriteTempFile("simulate.err", ""));
-  modules.FirstLine(10000);
-  std::vector<std::string> devices;
-  std::istringstream paths(modules.Output);
-  for (std::string path; std::getline(paths, path);) devices.push_back(path);
+  const std::vector<std::string> devices = modules.Lines(10000);
   ASSERT_EQ(devices.size(), 3u);
   testing::Ser2net secured({devices[0], devices[1]},
                            "ssl(key=" + pki + "/server.key,cert=" + pki + "/server.crt,CA=" + pki +

@@ -75,6 +75,17 @@ class Process {
     return Output.substr(0, Output.find('\n'));
   }
 
+  /// The lines of stdout once the first has come, such as the device paths of `simulate
+  /// --count N`, which prints them all and then flushes once.
+  std::vector<std::string> Lines(int TimeoutMs) {
+    FirstLine(TimeoutMs);
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; (end = Output.find('\n', at)) != std::string::npos; at = end + 1) {
+      lines.push_back(Output.substr(at, end - at));
+    }
+    return lines;
+  }
+
   void Signal(int Number) { kill(pid_, Number); }
 
   /// Reads the rest of stdout and returns the exit status (128 + signal when killed).
