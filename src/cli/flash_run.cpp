@@ -3,7 +3,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <iostream>
@@ -22,6 +21,7 @@
 #include "serial/clock.h"
 #include "serial/comm.h"
 #include "serial/trace_backend.h"
+#include "upload/hex_text.h"
 #include "upload/job_context.h"
 
 namespace palimbo::cli {
@@ -264,11 +264,9 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
     }
   }
   UploadDisplay display(mode, Request.Ports);
-  char crcText[8];
-  std::snprintf(crcText, sizeof crcText, "%04X", static_cast<unsigned>(crc & 0xFFFF));
   display.RunLog("Firmware " + Request.File +
                  " read once for the whole run: " + std::to_string(image->FirmwareString.size()) +
-                 " bytes, CRC " + crcText + ", SHA-256 " + image->FileSha256);
+                 " bytes, CRC " + Hex4(crc) + ", SHA-256 " + image->FileSha256);
   InterruptWatch interrupts;
   std::atomic<bool> stationStopped{false};
   std::vector<std::unique_ptr<SerialBackend>> ports;

@@ -6,6 +6,7 @@
 
 #include "cli/json_line.h"
 #include "cli/platform.h"
+#include "upload/hex_text.h"
 
 namespace palimbo::cli {
 
@@ -18,12 +19,6 @@ constexpr auto kJsonProgressInterval = std::chrono::milliseconds(250);
 constexpr int kBarWidth = 30;
 
 }  // namespace
-
-std::string CrcText(int32_t Crc) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(Crc & 0xFFFF));
-  return text;
-}
 
 const char* OutcomeName(UploadOutcome Outcome) {
   switch (Outcome) {
@@ -227,8 +222,8 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
           {"seconds", static_cast<double>(static_cast<int64_t>(r.Seconds * 10 + 0.5)) / 10},
           {"exit_status", r.ExitStatus}};
       if (r.Result.ModuleCrc >= 0) {
-        line["image_crc"] = CrcText(r.ImageCrc);
-        line["module_crc"] = CrcText(r.Result.ModuleCrc);
+        line["image_crc"] = Hex4(r.ImageCrc);
+        line["module_crc"] = Hex4(r.Result.ModuleCrc & 0xFFFF);
       }
       if (!r.Record.empty()) line["record"] = r.Record;
       std::cout << JsonLine(line) << std::endl;

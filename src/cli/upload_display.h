@@ -26,9 +26,6 @@ struct ModuleResult {
   std::string ServerFingerprint;  ///< SHA-256 of the server's certificate on a secured port
 };
 
-/// A CRC as the log, the record and the JSON results show it: "A981".
-std::string CrcText(int32_t Crc);
-
 /// The outcome as the summary, the JSON results and the record name it, e.g. "given up".
 const char* OutcomeName(UploadOutcome Outcome);
 

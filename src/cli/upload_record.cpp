@@ -2,6 +2,7 @@
 
 #include "cli/json_line.h"
 #include "cli/platform.h"
+#include "upload/hex_text.h"
 
 namespace palimbo::cli {
 
@@ -30,7 +31,7 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
       {"port", Result.Port},
       {"file", firmware_.File},
       {"file_bytes", firmware_.ImageBytes},
-      {"file_crc", CrcText(firmware_.ImageCrc)},
+      {"file_crc", Hex4(firmware_.ImageCrc & 0xFFFF)},
       {"file_sha256", firmware_.FileSha256},
       {"protocol", Result.Protocol},
       {"outcome", OutcomeName(Result.Result.Outcome)},
@@ -40,7 +41,7 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
   };
   // Which server an upload went through, for an audit of a secured network port.
   if (!Result.ServerFingerprint.empty()) line["server_sha256"] = Result.ServerFingerprint;
-  if (Result.Result.ModuleCrc >= 0) line["module_crc"] = CrcText(Result.Result.ModuleCrc);
+  if (Result.Result.ModuleCrc >= 0) line["module_crc"] = Hex4(Result.Result.ModuleCrc & 0xFFFF);
   if (Module > 0) line["module"] = Module;
   const std::lock_guard guard(lock_);
   if (!out_->Append(JsonLine(line) + "\n", Error)) {

@@ -1,6 +1,5 @@
 #include "upload/module_check.h"
 
-#include <cstdio>
 #include <functional>
 
 #include "frames/ccb_exchange.h"
@@ -10,6 +9,7 @@
 #include "serial/comm.h"
 #include "upload/ccb_upload.h"
 #include "upload/direct_upload.h"
+#include "upload/hex_text.h"
 #include "upload/job_steps.h"
 
 namespace palimbo {
@@ -22,12 +22,6 @@ constexpr int16_t kCcbCheckWait = 1000;
 // A CCB bootloader need not answer its check before it was entered: three tries still bridge
 // two lost frames, and give up on a bootloader that stays silent in 3 s instead of 10.
 constexpr int16_t kCcbCheckTries = 3;
-
-std::string Crc4(int32_t Crc) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04X", static_cast<unsigned>(Crc & 0xFFFF));
-  return text;
-}
 
 // Tells what the check found; the job's result where it ends here, nothing where the upload
 // goes on.
@@ -44,8 +38,8 @@ std::optional<UploadResult> Conclude(JobContext& Ctx, WriteMode Mode, bool Answe
     return UploadResult{UploadOutcome::CannotTell, "the bootloader cannot report the checksum"};
   }
   const int32_t ImageCrc = Crc16Of(FirmwareString);
-  Ctx.Log("CRC test of application section: module " + Crc4(ModuleCrc) + ", image " +
-          Crc4(ImageCrc) + ".");
+  Ctx.Log("CRC test of application section: module " + Hex4(ModuleCrc & 0xFFFF) + ", image " +
+          Hex4(ImageCrc) + ".");
   const bool same = ModuleCrc == ImageCrc;
   if (Mode == WriteMode::UnlessSame) {
     if (!same) {
@@ -61,7 +55,7 @@ std::optional<UploadResult> Conclude(JobContext& Ctx, WriteMode Mode, bool Answe
   if (same) return UploadResult{UploadOutcome::Matches, "the module holds the image", ModuleCrc};
   return UploadResult{
       UploadOutcome::Differs,
-      "the module holds checksum " + Crc4(ModuleCrc) + ", the image has " + Crc4(ImageCrc),
+      "the module holds checksum " + Hex4(ModuleCrc & 0xFFFF) + ", the image has " + Hex4(ImageCrc),
       ModuleCrc};
 }
 
