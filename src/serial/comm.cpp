@@ -3,7 +3,9 @@
 namespace palimbo {
 
 int32_t Comm_oeffnen_32(SerialBackend& Port, const std::string& Settings) {
-  const auto colon = Settings.find(':');
+  // Line settings never hold a ":", but port names may (Linux's stable names, network URLs):
+  // the settings are what follows the last one.
+  const auto colon = Settings.rfind(':');
   if (colon == std::string::npos) return -1;
   const int32_t handle = Port.Open(Settings.substr(0, colon), Settings.substr(colon + 1));
   return handle >= 0 ? handle : -1;

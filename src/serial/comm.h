@@ -10,8 +10,9 @@ namespace palimbo {
 /// Function code of `EscapeCommFunction` that raises DTR.
 inline constexpr int32_t SETDTR = 5;
 
-/// Opens the port of a setting string "NAME:57600,N,8,1". Returns the handle, or -1 when the
-/// string has no ":", the port cannot be opened or the line settings are bad.
+/// Opens the port of a setting string "NAME:57600,N,8,1"; NAME may itself hold ":", as in
+/// "/dev/serial/by-path/pci-0000:00:14.0-usb-0:1.4:1.0-port0". Returns the handle, or -1 when
+/// the string has no ":", the port cannot be opened or the line settings are bad.
 int32_t Comm_oeffnen_32(SerialBackend& Port, const std::string& Settings);
 
 /// Replaces `Buffer` by every byte waiting, possibly none. Never waits.
