@@ -455,6 +455,11 @@ Verdict Judge(const UploadResult& Result, bool FlashHoldsImage) {
     case UploadOutcome::PortError:
     case UploadOutcome::NoBootloader:
     case UploadOutcome::Failed:
+    // A soak always writes: the outcomes of a check without writing would be a fault of the job.
+    case UploadOutcome::AlreadyCurrent:
+    case UploadOutcome::Matches:
+    case UploadOutcome::Differs:
+    case UploadOutcome::CannotTell:
       return Verdict::Failed;
   }
   return Verdict::Crash;

@@ -1,4 +1,5 @@
 #include <cctype>
+#include <filesystem>
 #include <iostream>
 
 #include "adapter/port_selection.h"
@@ -25,7 +26,9 @@ const char* const kUsage =
     "  --yes              go on when the bootloader does not answer (else asked on a terminal\n"
     "                     with one module, else No)\n"
     "  --give-up-after S  give up on a module that has not answered for S seconds (default\n"
-    "                     60, at least 36; 0 never); a port that goes away is given up at once\n"
+    "                     60, at least 36: a module without CRC checks may let the CRC probe\n"
+    "                     and both erases run out their tries; 0 never); a port that goes\n"
+    "                     away is given up at once\n"
     "  --json             JSON Lines on stdout: log lines, progress steps, one result a module\n"
     "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
     "                     (FILE.1, FILE.2, ... with several modules)\n"
@@ -59,7 +62,9 @@ const char* const kVerifyUsage =
     "With several ports every module is checked at once.\n\n"
     "  --port NAME        serial port or network port, as for flash; give it again for more\n"
     "  --all              every controller adapter the scan accepts\n"
-    "  --give-up-after S  give up on a module that has not answered for S seconds (default 60)\n"
+    "  --give-up-after S  give up on a module that has not answered for S seconds (default\n"
+    "                     60, at least 21: a module without CRC checks may let the check run\n"
+    "                     out its tries; 0 never); a port that goes away is given up at once\n"
     "  --json             JSON Lines on stdout; each result carries image_crc and module_crc\n"
     "  --trace FILE       write every chunk to and from the port\n"
     "  --record FILE      append one JSON line per module to FILE, as flash does\n"
@@ -88,6 +93,23 @@ std::string Sha256Argument(const std::string& Text) {
 void CheckPortArgument(const std::string& Port) {
   if (const std::string problem = PortNameProblem(Port); !problem.empty()) {
     throw UsageError(problem);
+  }
+}
+
+// Two jobs on one port would fight over it, and the second open fails only after the first
+// module was written: the same port named twice, also by another of its names, is refused.
+void CheckPortGivenOnce(const std::vector<std::string>& Ports, size_t Index) {
+  const auto device = [](const std::string& Name) {
+    std::error_code error;
+    const auto path = std::filesystem::canonical(Name, error);
+    return error ? Name : path.string();
+  };
+  for (size_t i = 0; i < Index; ++i) {
+    if (device(Ports[i]) != device(Ports[Index])) continue;
+    throw UsageError("--port " + Ports[Index] +
+                     (Ports[i] == Ports[Index] ? " is given twice"
+                                               : " names the same port as --port " + Ports[i]) +
+                     ": one module a port");
   }
 }
 
@@ -121,15 +143,21 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
   request.Mode = Verify ? WriteMode::Never : skipSame ? WriteMode::UnlessSame : WriteMode::Always;
   request.IdleWait = !spin;
   const int32_t giveUp = request.GiveUpAfterSeconds;
-  if (giveUp > 0 && giveUp < kLongestHealthySilenceSeconds) {
+  const int32_t shortest =
+      Verify ? kLongestHealthyCheckSilenceSeconds : kLongestHealthySilenceSeconds;
+  if (giveUp > 0 && giveUp < shortest) {
     throw UsageError("--give-up-after " + std::to_string(giveUp) +
                      " is shorter than a healthy module may stay silent (" +
-                     std::to_string(kLongestHealthySilenceSeconds) +
-                     " s: the CRC probe and two erases); give at least that, or 0 for never");
+                     std::to_string(shortest) +
+                     " s: " + (Verify ? "the check" : "the CRC probe and two erases") +
+                     "); give at least that, or 0 for never");
   }
   if (all && !request.Ports.empty()) throw UsageError("--all and --port exclude each other");
   if (!request.ExpectSha256.empty()) request.ExpectSha256 = Sha256Argument(request.ExpectSha256);
-  for (const std::string& port : request.Ports) CheckPortArgument(port);
+  for (size_t i = 0; i < request.Ports.size(); ++i) {
+    CheckPortArgument(request.Ports[i]);
+    CheckPortGivenOnce(request.Ports, i);
+  }
 
   if (request.Ports.empty()) {
     const auto scanner = MakeSystemAdapterScanner();
@@ -146,9 +174,10 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
       }
     }
     if (request.Ports.empty()) {
+      // As `ports` says it: nothing is wrong with the arguments, the adapter is missing.
       std::cerr << "palimbo-cli " << (Verify ? "verify" : "flash")
                 << ": no controller adapter found; name the port with --port" << std::endl;
-      return kExitUsage;
+      return kExitFailed;
     }
   }
   return FlashModules(request, [] { return MakeSystemSerialBackend(); }).ExitStatus;

@@ -21,6 +21,13 @@ bool ParseCommand(CLI::App& App, const std::vector<std::string>& Args) {
   } catch (const CLI::ParseError& e) {
     throw UsageError(e.what());
   }
+  // An unset variable in a station's script ("--record \"$RECORD\"") must not turn a guard off.
+  for (const CLI::Option* option : App.get_options()) {
+    const auto& given = option->results();
+    if (std::find(given.begin(), given.end(), "") != given.end()) {
+      throw UsageError(option->get_name() + ": empty value (is a variable unset?)");
+    }
+  }
   return false;
 }
 

@@ -1,8 +1,10 @@
 #include "cli/flash_run.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
@@ -39,9 +41,11 @@ class ModuleJob final : public JobLog,
                         public OperatorQuestion {
  public:
   ModuleJob(size_t Index, const FlashRequest& Request, UploadDisplay& Display,
-            const InterruptWatch& Interrupts, const std::atomic<bool>& StationStopped)
+            const InterruptWatch& Interrupts, const std::atomic<bool>& StationStopped,
+            std::ostream* Trace)
       : index_(Index),
         request_(Request),
+        trace_(Trace),
         display_(Display),
         interrupts_(Interrupts),
         station_stopped_(StationStopped),
@@ -56,20 +60,10 @@ class ModuleJob final : public JobLog,
     const auto started = std::chrono::steady_clock::now();
 
     SteadyClock clock;
-    std::ofstream trace;
     std::unique_ptr<TraceBackend> traced;
     SerialBackend* port = &SystemPort;
-    if (!request_.TraceFile.empty()) {
-      const std::string name = request_.Ports.size() == 1
-                                   ? request_.TraceFile
-                                   : request_.TraceFile + "." + std::to_string(index_ + 1);
-      trace.open(name);
-      if (!trace) {
-        result.Result = {UploadOutcome::Failed, "cannot write trace file " + name};
-        result.ExitStatus = kExitUsage;
-        return result;
-      }
-      traced = std::make_unique<TraceBackend>(SystemPort, clock, trace);
+    if (trace_ != nullptr) {
+      traced = std::make_unique<TraceBackend>(SystemPort, clock, *trace_);
       port = traced.get();
     }
 
@@ -93,6 +87,12 @@ class ModuleJob final : public JobLog,
                          .count();
     if (fromAnswer) result.Started = answered_time_;
     result.ExitStatus = ExitStatusOf(result.Result.Outcome);
+    if (traced) {
+      const std::string why = traced->WriteError();
+      result.Trace = why.empty() ? "written"
+                                 : "not written: cannot write trace file " +
+                                       TraceFileName(request_, index_) + ": " + why;
+    }
     return result;
   }
 
@@ -127,8 +127,6 @@ class ModuleJob final : public JobLog,
     }
     if (!watch_.Check(*ctx_)) return;
     if (!ctx_->Port().LostReason().empty()) port_lost_ = ctx_->GiveUpReason;
-    // The station tells a port lost while it waits in its own words.
-    if (!waiting) display_.Note(index_, ctx_->GiveUpReason);
   }
 
   bool AskYesNo(const std::string& Title, const std::string& Text) override {
@@ -138,6 +136,7 @@ class ModuleJob final : public JobLog,
  private:
   size_t index_;
   const FlashRequest& request_;
+  std::ostream* trace_;  // the place's trace, kept for the whole run; none without --trace
   UploadDisplay& display_;
   const InterruptWatch& interrupts_;
   const std::atomic<bool>& station_stopped_;
@@ -158,9 +157,14 @@ std::string AccessFixFor(const std::string& Port) {
   return AccessFix(false, "");
 }
 
+// The command line's last word names the cause: the job itself can only log that it was
+// cancelled when a lost port or a silent module ended it.
 void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index) {
   const UploadResult& r = Module.Result;
-  if (r.Outcome != UploadOutcome::PortError && r.Outcome != UploadOutcome::FileError) return;
+  if (r.Outcome != UploadOutcome::PortError && r.Outcome != UploadOutcome::FileError &&
+      r.Outcome != UploadOutcome::GivenUp) {
+    return;
+  }
   Display.Note(Index, r.Reason);
   if (r.Reason.find("Permission denied") != std::string::npos) {
     Display.Note(Index, "fix: " + AccessFixFor(Module.Port));
@@ -168,6 +172,28 @@ void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index
 }
 
 }  // namespace
+
+std::string TraceFileName(const FlashRequest& Request, size_t Index) {
+  return Request.Ports.size() == 1 ? Request.TraceFile
+                                   : Request.TraceFile + "." + std::to_string(Index + 1);
+}
+
+std::string SettleOutputs(ModuleResult& Result, UploadRecord* Record, int32_t Module) {
+  static constexpr std::string_view kNotWritten = "not written: ";
+  std::string error;
+  if (Result.Trace.starts_with(kNotWritten)) {
+    error = Result.Trace.substr(kNotWritten.size());
+    Result.ExitStatus = kExitFailed;
+  }
+  if (Record != nullptr) {
+    std::string why;
+    Result.Record =
+        Record->Append(Result, Module, why) ? "written" : std::string(kNotWritten) + why;
+    if (error.empty()) error = why;
+  }
+  if (!error.empty()) Result.ExitStatus = kExitFailed;
+  return error;
+}
 
 int ExitStatusOf(UploadOutcome Outcome) {
   switch (Outcome) {
@@ -263,6 +289,17 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
       return {kExitUsage, {}};
     }
   }
+  // Every trace opens before any port does: a trace that cannot be written is a bad argument.
+  std::vector<std::unique_ptr<std::ofstream>> traces(Request.Ports.size());
+  for (size_t i = 0; i < traces.size() && !Request.TraceFile.empty(); ++i) {
+    const std::string name = TraceFileName(Request, i);
+    traces[i] = std::make_unique<std::ofstream>(name, std::ios::binary | std::ios::trunc);
+    if (!*traces[i]) {
+      std::cerr << "palimbo-cli: cannot write trace file " << name << ": " << std::strerror(errno)
+                << std::endl;
+      return {kExitUsage, {}};
+    }
+  }
   UploadDisplay display(mode, Request.Ports);
   display.RunLog("Firmware " + Request.File +
                  " read once for the whole run: " + std::to_string(image->FirmwareString.size()) +
@@ -273,7 +310,8 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   std::vector<std::unique_ptr<ModuleJob>> jobs;
   for (size_t i = 0; i < Request.Ports.size(); ++i) {
     ports.push_back(MakePort());
-    jobs.push_back(std::make_unique<ModuleJob>(i, Request, display, interrupts, stationStopped));
+    jobs.push_back(std::make_unique<ModuleJob>(i, Request, display, interrupts, stationStopped,
+                                               traces[i].get()));
   }
 
   FlashReport report;
@@ -305,13 +343,8 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
       } else {
         ModuleResult& result = report.Modules[i];
         result = runOne();
-        std::string error;
-        if (record) {
-          result.Record = record->Append(result, 0, error) ? "written" : "not written: " + error;
-        }
-        if (!error.empty()) {
+        if (const std::string error = SettleOutputs(result, record.get(), 0); !error.empty()) {
           display.Note(i, error);
-          result.ExitStatus = kExitFailed;
         }
       }
       const std::lock_guard guard(doneLock);

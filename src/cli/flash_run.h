@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/upload_display.h"
+#include "cli/upload_record.h"
 #include "serial/serial_backend.h"
 #include "upload/give_up.h"
 
@@ -40,6 +41,14 @@ struct FlashReport {
 /// one context, clock and port for each module, so that a module that fails stops no other.
 /// Ctrl-C cancels every job as CANCEL does; a second one ends the process at once.
 FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& MakePort);
+
+/// The trace file of the module at `Index`: FILE with one port, FILE.1, FILE.2.. with several.
+std::string TraceFileName(const FlashRequest& Request, size_t Index);
+
+/// Ends a module's outputs: tells a trace that was not written, and appends the record's line
+/// (numbered `Module` at a station, 0 elsewhere) when there is a record. Gives why an output
+/// was not written (the module then fails), or nothing.
+std::string SettleOutputs(ModuleResult& Result, UploadRecord* Record, int32_t Module);
 
 /// The exit status of one module: 0 verified, already current or matching, 3 unverified or
 /// cannot tell, 4 holds another image, 2 bad file, 1 otherwise.

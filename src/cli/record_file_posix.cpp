@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "cli/record_file.h"
 
@@ -14,7 +16,7 @@ namespace {
 
 class PosixRecordFile final : public RecordFile {
  public:
-  explicit PosixRecordFile(int Fd) : fd_(Fd) {}
+  PosixRecordFile(int Fd, std::string Path) : fd_(Fd), path_(std::move(Path)) {}
   ~PosixRecordFile() override { ::close(fd_); }
   PosixRecordFile(const PosixRecordFile&) = delete;
   PosixRecordFile& operator=(const PosixRecordFile&) = delete;
@@ -38,6 +40,13 @@ class PosixRecordFile final : public RecordFile {
   bool AppendLocked(const std::string& Line, std::string& Error) {
     struct stat status {};
     if (::fstat(fd_, &status) != 0) return Fail(Error);
+    // Lines into a file that nobody can find any more are lines lost.
+    struct stat named {};
+    if (status.st_nlink == 0 || ::stat(path_.c_str(), &named) != 0 ||
+        named.st_dev != status.st_dev || named.st_ino != status.st_ino) {
+      Error = "the file was deleted or renamed away while the run held it";
+      return false;
+    }
     const off_t size = status.st_size;
     std::string text = Line;
     char last = '\n';
@@ -52,23 +61,30 @@ class PosixRecordFile final : public RecordFile {
         continue;
       } else {
         if (n == 0) errno = ENOSPC;
-        const int why = errno;
         // What went in of the line goes again; a device that cannot be cut has taken nothing.
-        if (done > 0 && ::ftruncate(fd_, size) != 0) {
-          Error = std::string(std::strerror(why)) +
-                  "; a part of the line stays: " + std::strerror(errno);
-          return false;
-        }
-        errno = why;
-        return Fail(Error);
+        return CutBack(size, done > 0, Error);
       }
     }
-    // On the disk, not only in the system's cache: a power cut loses no line.
-    if (::fdatasync(fd_) != 0 && errno != EINVAL) return Fail(Error);
+    // On the disk, not only in the system's cache: a power cut loses no line. A line that
+    // may not be there goes, so that the run's "not written" holds and a re-run adds it once.
+    if (::fdatasync(fd_) != 0 && errno != EINVAL) return CutBack(size, true, Error);
     return true;
   }
 
+  // Fails with the present errno, after cutting the file back to `Size` when `Cut`.
+  bool CutBack(off_t Size, bool Cut, std::string& Error) const {
+    const int why = errno;
+    if (Cut && ::ftruncate(fd_, Size) != 0) {
+      Error =
+          std::string(std::strerror(why)) + "; a part of the line stays: " + std::strerror(errno);
+      return false;
+    }
+    errno = why;
+    return Fail(Error);
+  }
+
   int fd_;
+  std::string path_;
 };
 
 }  // namespace
@@ -80,7 +96,7 @@ std::unique_ptr<RecordFile> RecordFile::Open(const std::string& Path, std::strin
     Error = std::strerror(errno);
     return nullptr;
   }
-  return std::make_unique<PosixRecordFile>(fd);
+  return std::make_unique<PosixRecordFile>(fd, Path);
 }
 
 }  // namespace palimbo::cli

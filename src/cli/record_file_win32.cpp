@@ -55,21 +55,28 @@ class Win32RecordFile final : public RecordFile {
         ::WriteFile(file_, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
     const DWORD why = ok ? ERROR_DISK_FULL : ::GetLastError();
     if (ok && written == text.size()) {
-      // On the disk, not only in the system's cache: a power cut loses no line.
-      return ::FlushFileBuffers(file_) || Fail(Error);
+      // On the disk, not only in the system's cache: a power cut loses no line. A line that
+      // may not be there goes, so that the run's "not written" holds.
+      if (::FlushFileBuffers(file_)) return true;
+      return CutBack(size, Error, ::GetLastError());
     }
-    if (written > 0) CutBack(size);
+    if (written > 0) return CutBack(size, Error, why);
     return Fail(Error, why);
   }
 
-  // Cuts a part of a line away again, through a handle that may set the end of the file.
-  void CutBack(LARGE_INTEGER Size) const {
+  // Cuts a part of a line away again, through a handle that may set the end of the file, and
+  // fails with `Why`; says so when the part stays.
+  bool CutBack(LARGE_INTEGER Size, std::string& Error, DWORD Why) const {
     const HANDLE file =
         ::CreateFileA(path_.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return;
-    if (::SetFilePointerEx(file, Size, nullptr, FILE_BEGIN)) ::SetEndOfFile(file);
-    ::CloseHandle(file);
+    const bool cut = file != INVALID_HANDLE_VALUE &&
+                     ::SetFilePointerEx(file, Size, nullptr, FILE_BEGIN) && ::SetEndOfFile(file);
+    const DWORD cutWhy = ::GetLastError();
+    if (file != INVALID_HANDLE_VALUE) ::CloseHandle(file);
+    Fail(Error, Why);
+    if (!cut) Error += "; a part of the line stays: " + SystemMessage(cutWhy);
+    return false;
   }
 
   HANDLE file_;

@@ -53,6 +53,11 @@ std::string StationTally::Counts() const {
          std::to_string(unverified_) + " unverified, " + std::to_string(failed_) + " failed";
 }
 
+void StationTally::Settle(int32_t Number, const ModuleResult& Result) {
+  const std::lock_guard guard(lock_);
+  results_.at(static_cast<size_t>(Number - 1)) = Result;
+}
+
 void StationTally::NoteFault() {
   const std::lock_guard guard(lock_);
   fault_ = true;
@@ -105,11 +110,8 @@ void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDispla
       if (!lost) return;
     } else {
       const auto [number, line] = Tally.Count(result);
-      std::string error;
-      if (Record != nullptr) {
-        result.Record = Record->Append(result, number, error) ? "written" : "not written: " + error;
-      }
-      if (!error.empty()) result.ExitStatus = kExitFailed;
+      const std::string error = SettleOutputs(result, Record, number);
+      Tally.Settle(number, result);
       Display.Log(Place.Index, line);
       if (Json) Display.Finish({result});
       if (!error.empty()) {

@@ -28,6 +28,9 @@ class StationTally {
   /// "module 3: verified in 4.2 s; 3 verified, 0 unverified, 0 failed" (with
   /// "1 already current" after the verified ones where they are counted).
   std::pair<int32_t, std::string> Count(const ModuleResult& Result);
+  /// Replaces the result of module `Number` by what became of it after its count: its record
+  /// line and trace, which may have failed it.
+  void Settle(int32_t Number, const ModuleResult& Result);
   /// Notes a fault of the run that is no module's: a place whose port never opened, a record
   /// that could not be written. The run then ends with status 1.
   void NoteFault();

@@ -226,6 +226,7 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
         line["module_crc"] = Hex4(r.Result.ModuleCrc & 0xFFFF);
       }
       if (!r.Record.empty()) line["record"] = r.Record;
+      if (!r.Trace.empty()) line["trace"] = r.Trace;
       std::cout << JsonLine(line) << std::endl;
     }
     return;
@@ -238,7 +239,8 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
               "OUTCOME", "REASON");
   for (const ModuleResult& r : Results) {
     std::string reason = r.Result.Reason;
-    if (r.Record.rfind("not written", 0) == 0) reason += "; record " + r.Record;
+    if (r.Record.starts_with("not written")) reason += "; record " + r.Record;
+    if (r.Trace.starts_with("not written")) reason += "; trace " + r.Trace;
     std::printf("%-*s %-8s %8zu %8.1f  %-15s %s\n", w, r.Port.c_str(),
                 r.Protocol.empty() ? "-" : r.Protocol.c_str(), r.Bytes, r.Seconds,
                 OutcomeName(r.Result.Outcome), reason.c_str());

@@ -23,6 +23,7 @@ struct ModuleResult {
   int ExitStatus = 1;
   std::string PortLost;           ///< "port NAME lost: why" when the port went away under the job
   std::string Record;             ///< with a record: "written", or "not written: " and why
+  std::string Trace;              ///< with a trace: "written", or "not written: " and why
   std::string ServerFingerprint;  ///< SHA-256 of the server's certificate on a secured port
 };
 

@@ -1,6 +1,8 @@
 #include "serial/trace_backend.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace palimbo {
@@ -68,6 +70,9 @@ void TraceBackend::TraceChunk(char Direction, const char* Bytes, size_t Count) {
   }
   line += '\n';
   out_ << line << std::flush;
+  if (!out_ && write_error_.empty()) {
+    write_error_ = errno != 0 ? std::strerror(errno) : "write error";
+  }
 }
 
 }  // namespace palimbo

@@ -33,6 +33,10 @@ class TraceBackend final : public SerialBackend {
   void WaitForInput(int32_t Handle, int32_t MaxMicros) override;
   void SetOpenInterrupt(std::function<bool()> Interrupted) override;
 
+  /// The system's message for the first chunk that did not reach the trace (a full disk);
+  /// empty while every chunk did.
+  std::string WriteError() const { return write_error_; }
+
  private:
   void TraceChunk(char Direction, const char* Bytes, size_t Count);
 
@@ -40,6 +44,7 @@ class TraceBackend final : public SerialBackend {
   Clock& clock_;
   std::ostream& out_;
   int64_t start_;
+  std::string write_error_;
 };
 
 }  // namespace palimbo

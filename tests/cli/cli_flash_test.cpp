@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -101,20 +102,94 @@ TEST(Flash, CtrlCWhileAPortOpensCancels) {
   close(server);
 }
 
-// A give-up shorter than a healthy module's longest silence would cancel good uploads.
-TEST(Flash, GiveUpBelowAHealthySilenceIsRefused) {
-  const std::string file = testing::WriteTempFile("fw.hex", ":0100000055AA\r\n");
-  const std::string err = testing::WriteTempFile("flash.err", "");
-  for (const auto& [seconds, status] : {std::pair{"35", 2}, {"36", 1}, {"0", 1}}) {
-    Process flash({PALIMBO_CLI, "flash", "--port", "/dev/palimbo-no-such-port", "--give-up-after",
-                   seconds, file},
-                  err);
-    EXPECT_EQ(flash.Wait(), status) << seconds;
-    EXPECT_EQ(ReadAll(err).find("--give-up-after 35 is shorter than a healthy module may stay "
-                                "silent (36 s: the CRC probe and two erases)") != std::string::npos,
-              status == 2)
-        << ReadAll(err);
+// What a user may type, refused before anything opens (2) or failing the run loudly (1): an
+// empty value never turns a guard off, and an output that is not written is never silent.
+TEST(Flash, WhatAUserTypes) {
+  Process modules({PALIMBO_CLI, "simulate", "--count", "2"},
+                  testing::WriteTempFile("simulate.err", ""));
+  const std::vector<std::string> ports = modules.Lines(10000);
+  ASSERT_EQ(ports.size(), 2u);
+  const std::string file = testing::WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
+  const std::string folder = testing::TestFolder().string();
+  const std::string missing = folder + "/no-such-folder/out";
+  // A stable name of the kind /dev/serial/by-path gives, with colons in it.
+  const std::string stable = folder + "/pci-0000:00:14.0-usb-0:1.4:1.0-port0";
+  std::filesystem::remove(stable);
+  std::filesystem::create_symlink(ports[1], stable);
+  const std::string noPort = "/dev/palimbo-no-such-port";
+  struct Row {
+    std::vector<std::string> Args;
+    int Status;
+    std::string Message;  // the start of stderr's first line, behind "palimbo-cli "
+  } const rows[] = {
+      {{"flash", "--record", "", "--port", noPort, file}, 2, "flash: --record: empty value"},
+      {{"flash", "--expect-sha256", "", "--port", noPort, file},
+       2,
+       "flash: --expect-sha256: empty"},
+      {{"verify", "--trace", "", "--port", noPort, file}, 2, "verify: --trace: empty value"},
+      {{"flash", "--port", "", file}, 2, "flash: --port: empty value"},
+      {{"flash", "--port", noPort, ""}, 2, "flash: FILE: empty value"},
+      {{"flash", "--trace", folder, "--port", noPort, file},
+       2,
+       "palimbo-cli: cannot write trace file " + folder + ": Is a directory"},
+      {{"flash", "--trace", missing, "--port", noPort, file},
+       2,
+       "palimbo-cli: cannot write trace file " + missing + ": No such file or directory"},
+      {{"flash", "--record", folder, "--port", noPort, file},
+       2,
+       "palimbo-cli: cannot open record file " + folder + ": Is a directory"},
+      {{"verify", "--record", missing, "--port", noPort, file},
+       2,
+       "palimbo-cli: cannot open record file " + missing + ": No such file"},
+      {{"flash", "--port", ports[0], "--port", ports[0], file},
+       2,
+       "flash: --port " + ports[0] + " is given twice"},
+      {{"flash", "--port", ports[1], "--port", stable, file},
+       2,
+       "flash: --port " + stable + " names the same port as --port " + ports[1]},
+      {{"flash", "--give-up-after", "35", "--port", noPort, file},
+       2,
+       "flash: --give-up-after 35 is shorter than a healthy module may stay silent (36 s: the "
+       "CRC probe and two erases)"},
+      {{"flash", "--give-up-after", "36", "--port", noPort, file},
+       1,
+       "palimbo-cli: cannot open port"},
+      {{"verify", "--give-up-after", "20", "--port", noPort, file},
+       2,
+       "verify: --give-up-after 20 is shorter than a healthy module may stay silent (21 s: the "
+       "check)"},
+      {{"verify", "--give-up-after", "21", "--port", noPort, file},
+       1,
+       "palimbo-cli: cannot open port"},
+      // A trace that the disk does not take fails a module that was written all the same.
+      {{"flash", "--json", "--trace", "/dev/full", "--port", ports[0], file},
+       1,
+       "palimbo-cli: " + ports[0] + ": cannot write trace file /dev/full: No space left on device"},
+      {{"verify", file}, 1, "verify: no controller adapter found"},
+      {{"flash", "--all", file}, 1, "flash: no controller adapter found"},
+      {{"flash", "--port", stable, file}, 0, ""},
+  };
+  for (const Row& row : rows) {
+    const std::string err = testing::WriteTempFile("flash.err", "");
+    std::vector<std::string> args = {PALIMBO_CLI};
+    args.insert(args.end(), row.Args.begin(), row.Args.end());
+    Process run(args, err);
+    const int status = run.Wait();
+    const std::string said = ReadAll(err);
+    EXPECT_EQ(status, row.Status) << said << run.Output;
+    const std::string first = said.substr(0, said.find('\n'));
+    EXPECT_EQ(first.rfind(row.Message.starts_with("palimbo-cli:") ? row.Message
+                                                                  : "palimbo-cli " + row.Message,
+                          0),
+              row.Message.empty() ? std::string::npos : 0u)
+        << said;
+    if (row.Args[2] == "/dev/full") {
+      EXPECT_NE(run.Output.find("\"trace\":\"not written: cannot write trace file /dev/full"),
+                std::string::npos)
+          << run.Output;
+    }
   }
+  std::filesystem::remove(stable);
 }
 
 }  // namespace

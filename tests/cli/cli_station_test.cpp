@@ -1,5 +1,6 @@
 // flash --station and --record: module after module, the record, and what a shift brings.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cstdio>
@@ -127,7 +128,9 @@ TEST(Station, RefusalsBeforeTheFirstModule) {
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
   const std::string missing = (testing::TestFolder() / "gone.hex").string();
   const std::string noPort = "/dev/palimbo-no-such-port";
-  const std::string otherSha(64, 'a');
+  // Another release's digest may differ in its last digit alone.
+  std::string otherSha = Sha256Of(file);
+  otherSha.back() = otherSha.back() == '0' ? '1' : '0';
   struct Row {
     std::vector<std::string> Args;
     int Status;
@@ -136,6 +139,8 @@ TEST(Station, RefusalsBeforeTheFirstModule) {
       {{"--port", noPort, missing}, 2, "cannot open file: No such file or directory"},
       {{"--port", noPort, "--expect-sha256", otherSha, file}, 2, "is not the approved " + otherSha},
       {{"--port", noPort, "--expect-sha256", "12ab", file}, 2, "'12ab' is no SHA-256"},
+      {{"--port", noPort, "--expect-sha256", otherSha + "0", file}, 2, "0' is no SHA-256"},
+      {{"--port", noPort, "--expect-sha256", otherSha.substr(1), file}, 2, "' is no SHA-256"},
       {{"--port", "rfc2217://rack7", file}, 2, "'rfc2217://rack7' has no port"},
       {{"--port", "socket://:3001", file}, 2, "'socket://:3001' has no host"},
       {{"--port", "rfc2217://rack7:65536", file}, 2, "not from 1 to 65535"},
@@ -161,10 +166,10 @@ TEST(Station, RefusalsBeforeTheFirstModule) {
 // a line behind.
 TEST(Record, ALineThatIsNotWrittenFailsTheRun) {
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(64)));
-  Process modules({PALIMBO_CLI, "simulate", "--count", "3", "--replace-after-ms", "500"},
+  Process modules({PALIMBO_CLI, "simulate", "--count", "7", "--replace-after-ms", "500"},
                   WriteTempFile("simulate.err", ""));
   const std::vector<std::string> ports = modules.Lines(10000);
-  ASSERT_EQ(ports.size(), 3u);
+  ASSERT_EQ(ports.size(), 7u);
   // Room for this much and no more: the line falls short, and its part must go again.
   const std::string before(200, 'x');
   const std::string small = WriteTempFile("small.jsonl", before + "\n");
@@ -178,9 +183,46 @@ TEST(Record, ALineThatIsNotWrittenFailsTheRun) {
                "trap '' XFSZ; exec prlimit --fsize=300 " + std::string(PALIMBO_CLI) +
                    " flash --record " + small + " --port " + ports[2] + " " + file},
               WriteTempFile("cut.err", ""));
+  // A line whose sync failed may not be on the disk: it goes, so that a re-run adds it once.
+  const std::string unsynced = WriteTempFile("unsynced.jsonl", before + "\n");
+  Process synced(
+      {"/usr/bin/env", "LD_PRELOAD=" PALIMBO_FAILING_SYNC, "ASAN_OPTIONS=verify_asan_link_order=0",
+       PALIMBO_CLI, "flash", "--record", unsynced, "--port", ports[3], file},
+      WriteTempFile("synced.err", ""));
+  // The summary of a station tells a module whose line failed.
+  Process table({PALIMBO_CLI, "flash", "--station", "--count", "2", "--record", "/dev/full",
+                 "--port", ports[4], "--port", ports[5], file},
+                WriteTempFile("table.err", ""));
+  // A record moved away under a station takes no more lines into a file nobody finds.
+  const std::string moving = WriteTempFile("moving.jsonl", "");
+  Process moved({PALIMBO_CLI, "flash", "--station", "--count", "3", "--record", moving, "--port",
+                 ports[6], file},
+                WriteTempFile("moved.err", ""));
+  for (int waited = 0; ReadAll(moving).empty() && waited < 30000; waited += 50) usleep(50'000);
+  std::filesystem::rename(moving, moving + ".away");
   EXPECT_EQ(single.Wait(), 1) << single.Output;
   EXPECT_EQ(station.Wait(), 1) << station.Output;
   EXPECT_EQ(cut.Wait(), 1) << cut.Output;
+  EXPECT_EQ(synced.Wait(), 1) << synced.Output;
+  EXPECT_EQ(ReadAll(unsynced), before + "\n");
+  EXPECT_NE(ReadAll(testing::TestFolder() / "synced.err")
+                .find("cannot write record file " + unsynced + ": Input/output error"),
+            std::string::npos)
+      << ReadAll(testing::TestFolder() / "synced.err");
+  EXPECT_EQ(table.Wait(), 1) << table.Output;
+  for (const int module : {4, 5}) {
+    const size_t row = table.Output.find("\n" + ports[module] + " ");
+    ASSERT_NE(row, std::string::npos) << table.Output;
+    EXPECT_NE(table.Output.find("record not written: cannot write record file /dev/full", row),
+              std::string::npos)
+        << table.Output;
+  }
+  EXPECT_EQ(moved.Wait(), 1) << moved.Output;
+  EXPECT_EQ(Lines(moving + ".away").size(), 1u);
+  EXPECT_NE(ReadAll(testing::TestFolder() / "moved.err")
+                .find("the file was deleted or renamed away while the run held it"),
+            std::string::npos)
+      << ReadAll(testing::TestFolder() / "moved.err");
   for (Process* run : {&single, &station}) {
     std::istringstream lines(run->Output);
     int results = 0;

@@ -17,9 +17,12 @@ namespace palimbo::testing {
 struct UploadRun {
   explicit UploadRun(sim::SimulatedModule& Module) : Module(Module), Job(Module) {}
 
-  UploadResult Run(const std::string& Image, bool Marker = false) {
+  UploadResult Run(const std::string& Image, bool Marker = false,
+                   WriteMode Mode = WriteMode::Always) {
     const std::string file = WriteTempFile("fw.hex", HexOf(Image, Marker));
-    return StartUpload(Job.Ctx, file, "SIM");
+    if (Mode == WriteMode::Always) return StartUpload(Job.Ctx, file, "SIM");
+    bool encrypted = false;
+    return StartUpload(Job.Ctx, ReadHexFile(file, encrypted), "SIM", Mode);
   }
 
   /// The framed requests the tool wrote (the entry polls left out).

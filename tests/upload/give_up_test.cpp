@@ -75,6 +75,7 @@ struct GiveUpCase {
   std::string LastLine;
   int64_t MaxMsToEnd;  // from the cut, or from the module's last answer, to the job's end
   bool AnswerYes = false;
+  WriteMode Mode = WriteMode::Always;
 };
 
 void PrintTo(const GiveUpCase& C, std::ostream* Out) {
@@ -100,7 +101,7 @@ TEST_P(GiveUp, EndsTheJobSoonWithTheReason) {
     gaveUp += watch.Check(run.Job.Ctx);
   };
   const int64_t start = run.Job.NowMs();
-  const UploadResult result = run.Run(TestImage(700));
+  const UploadResult result = run.Run(TestImage(700), false, c.Mode);
   const int64_t end = run.Job.NowMs();
   if (c.AnswerYes) {
     EXPECT_GE(end - start, 1000 + 26 * 400 + 60'000) << "the silence counts from the Yes";
@@ -181,6 +182,16 @@ INSTANTIATE_TEST_SUITE_P(, GiveUp, ::testing::Values(
     GiveUpCase{"SlowModuleGivenUpASecondSooner", SlowModule(), nullptr,
                kLongestHealthySilenceSeconds - 1, UploadOutcome::GivenUp,
                "given up: no answer from the module for 35 s", kCancelled, 50},
+    // A check never erases: its shortest give-up is shorter, and lets the same module through.
+    GiveUpCase{"SlowModuleCheckedThrough", SlowModule(), nullptr,
+               kLongestHealthyCheckSilenceSeconds, UploadOutcome::CannotTell,
+               "the bootloader cannot report the checksum",
+               "Unable to retrieve checksum (not supported by bootloader)", 0, false,
+               WriteMode::Never},
+    GiveUpCase{"SlowModuleCheckGivenUpASecondSooner", SlowModule(), nullptr,
+               kLongestHealthyCheckSilenceSeconds - 1, UploadOutcome::GivenUp,
+               "given up: no answer from the module for 20 s", kCancelled, 50, false,
+               WriteMode::Never},
     // Without a give-up the operator's question ends a silent entry, as it always did.
     GiveUpCase{"SilentEntryAskedFirst", SilentModule(kDirect), nullptr, 60,
                UploadOutcome::NoBootloader, "no answer from the bootloader",

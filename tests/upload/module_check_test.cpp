@@ -10,7 +10,26 @@ namespace {
 
 using sim::BootProtocol;
 
-enum class Flash { Same, OneByteDiffers, Blank };
+// What the module holds: the image, or one that differs by a byte, or in the last two bytes so
+// that the checksums differ only in their high or only in their low byte, or nothing.
+enum class Flash { Same, OneByteDiffers, HighCrcByteDiffers, LowCrcByteDiffers, Blank };
+
+// `Image` with its last two bytes changed so that its CRC differs from the image's only in the
+// bits of `Differing`: a checksum compared in part takes it for the image.
+std::string CrcDiffersIn(const std::string& Image, int32_t Differing) {
+  int32_t prefix = kCrcStart;
+  for (size_t i = 0; i + 2 < Image.size(); ++i) prefix = UpdateCRC16(prefix, Image[i]);
+  const int32_t wanted = Crc16Of(Image);
+  std::string other = Image;
+  for (int32_t tail = 0; tail < 0x10000; ++tail) {
+    other[other.size() - 2] = static_cast<char>(tail >> 8);
+    other[other.size() - 1] = static_cast<char>(tail & 0xFF);
+    const int32_t crc = UpdateCRC16(UpdateCRC16(prefix, tail >> 8), tail & 0xFF);
+    if (crc != wanted && ((crc ^ wanted) & ~Differing) == 0) return other;
+  }
+  ADD_FAILURE() << "no such tail";
+  return Image;
+}
 
 struct CheckRow {
   const char* Name;
@@ -37,6 +56,8 @@ TEST_P(ModuleCheck, OutcomeAndTheModulesSide) {
   settings.Protocol = row.Protocol;
   if (row.Holds != Flash::Blank) settings.InitialFlash = image;
   if (row.Holds == Flash::OneByteDiffers) settings.InitialFlash[333] ^= 0x01;
+  if (row.Holds == Flash::HighCrcByteDiffers) settings.InitialFlash = CrcDiffersIn(image, 0xFF00);
+  if (row.Holds == Flash::LowCrcByteDiffers) settings.InitialFlash = CrcDiffersIn(image, 0x00FF);
   if (row.Adjust != nullptr) row.Adjust(settings);
   sim::SimulatedModule module(settings);
   testing::UploadRun run(module);
@@ -95,6 +116,10 @@ INSTANTIATE_TEST_SUITE_P(
         CheckRow{"CcbOneByteDiffers", kCcb, kNever, Flash::OneByteDiffers, nullptr,
                  UploadOutcome::Differs, false, true, 1},
         // Three questions, not the ten of an upload's check, for a bootloader that keeps silent.
+        CheckRow{"DirectHighCrcByteDiffers", kDirect, kNever, Flash::HighCrcByteDiffers, nullptr,
+                 UploadOutcome::Differs, false, true, 1},
+        CheckRow{"CcbLowCrcByteDiffers", kCcb, kNever, Flash::LowCrcByteDiffers, nullptr,
+                 UploadOutcome::Differs, false, true, 1},
         CheckRow{"CcbCannotTell", kCcb, kNever, Flash::Same, CheckWhenEntered,
                  UploadOutcome::CannotTell, false, true, 3},
         CheckRow{"CcbNoModule", kCcb, kNever, Flash::Same, Silent, UploadOutcome::NoBootloader,
