@@ -31,12 +31,12 @@ const char* const kUsage =
     "                     away is given up at once\n"
     "  --json             JSON Lines on stdout: log lines, progress steps, one result a module\n"
     "  --trace FILE       write every chunk to and from the port: ms, > or <, the bytes in hex\n"
-    "                     (FILE.1, FILE.2, ... with several modules)\n"
+    "                     (FILE.1, FILE.2, ... with several modules); a trace that cannot be\n"
+    "                     written fails the run\n"
     "  --record FILE      append one JSON line per upload to FILE: time, host, version, port,\n"
     "                     file with its image's length and CRC and its SHA-256, protocol,\n"
-    "                     outcome, reason, seconds, a secured server's certificate SHA-256; a line "
-    "that cannot be written fails the\n"
-    "                     run (and stops a station)\n"
+    "                     outcome, reason, seconds, a secured server's certificate SHA-256;\n"
+    "                     a line that cannot be written fails the run (and stops a station)\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 (as sha256sum prints it) is HEX\n"
     "  --skip-same        ask each module's checksum first; one that holds the image already\n"
     "                     is only rebooted (\"already current\", exit status 0)\n"
@@ -71,8 +71,8 @@ const char* const kVerifyUsage =
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 is HEX\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
     "Exit status: 0 the module holds the image (every module), 4 it holds another image,\n"
-    "3 its bootloader cannot tell, 1 no module, a lost port or cancelled (any module), 2 bad\n"
-    "arguments or firmware file.\n";
+    "3 its bootloader cannot tell, 1 no module, a lost port, given up or cancelled (any\n"
+    "module), 2 bad arguments or firmware file.\n";
 
 // A SHA-256 as sha256sum prints it, in either case; lower case for comparing.
 std::string Sha256Argument(const std::string& Text) {
