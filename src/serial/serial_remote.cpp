@@ -29,8 +29,8 @@ constexpr auto kWriteTimeout = std::chrono::milliseconds(2000);
 // twice the time the connect took and this much more, and no longer than the longest.
 constexpr auto kFirstBytesSlack = std::chrono::milliseconds(50);
 constexpr auto kFirstBytesLongest = std::chrono::milliseconds(300);
-// The first bytes of a connection kept to tell what the server speaks: a TLS record's header.
-constexpr size_t kHeadBytes = 5;
+// The first bytes of a connection kept to tell what the server speaks.
+constexpr size_t kHeadBytes = 2;
 
 // Microseconds from now to `Deadline`; zero or less once it has passed.
 int64_t MicrosUntil(SteadyTime::time_point Deadline) {
@@ -78,12 +78,6 @@ uint8_t StopCode(StopKind Stop) {
   return 1;
 }
 
-// A TLS alert record's header, as a secured server answers bytes that are no TLS.
-bool IsTlsAlert(std::string_view Head) {
-  return Head.size() == kHeadBytes && Head[0] == 0x15 && Head[1] == 0x03 &&
-         static_cast<uint8_t>(Head[2]) <= 0x04 && Head[3] == 0x00;
-}
-
 // A Telnet server's question, as it opens every connection.
 bool IsTelnetQuestion(std::string_view Head) {
   return Head.size() >= 2 && static_cast<uint8_t>(Head[0]) == telnet::IAC &&
@@ -129,6 +123,7 @@ struct Connection {
   std::unique_ptr<TlsStream> Tls;  // on a secured port, what goes through the socket
   std::string Replies;             // answers to the server's questions, sent whole between writes
   std::string Head;                // the first bytes the server sent, as they came
+  bool Sent = false;               // a byte of ours has gone out
   bool SpeaksTls = false;          // the server answered a plain connection as a secured one
 
   int64_t Send(const char* Data, size_t Count, std::string& Error) {
@@ -222,7 +217,7 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
                         : "cannot connect to " + url->Host + ":" + url->Port + ": " + error);
   }
   auto c = std::unique_ptr<Connection>(
-      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}, {}, {}, {}, false});
+      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}, {}, {}, {}, false, false});
   const auto window = std::min<SteadyTime::duration>(
       kFirstBytesLongest, kFirstBytesSlack + 2 * (SteadyTime::now() - started));
   fingerprint_.clear();
@@ -325,7 +320,7 @@ std::string RemoteSerialBackend::CheckPlainServer(Connection& C, SteadyTime::dur
   const auto deadline = SteadyTime::now() + Window;
   for (;;) {
     Pump(C);
-    if (C.Head.size() >= 2 || !C.ClosedWhy.empty()) break;
+    if (C.Head.size() >= kHeadBytes || !C.ClosedWhy.empty()) break;
     if (Interrupted()) return kConnectCancelled;
     const int64_t left = MicrosUntil(deadline);
     if (left <= 0) break;
@@ -356,12 +351,19 @@ void RemoteSerialBackend::Pump(Connection& C) {
       C.Input.append(got);
     }
   }
-  // A secured server answers a plain connection's first bytes with an alert and hangs up.
-  if (!C.ClosedWhy.empty() && !C.Tls && IsTlsAlert(C.Head)) {
-    C.SpeaksTls = true;
-    C.ClosedWhy = std::string("the server speaks TLS: use ") +
-                  (C.Url.Telnet ? "rfc2217+tls://" : "socket+tls://");
-    C.Input.clear();
+  // A secured server answers a plain connection's first bytes with an alert record, or hangs
+  // up without a word.
+  if (!C.ClosedWhy.empty() && !C.Tls && C.Sent) {
+    const std::string use = C.Url.Telnet ? "rfc2217+tls://" : "socket+tls://";
+    if (C.Head.starts_with("\x15\x03")) {
+      C.SpeaksTls = true;
+      C.ClosedWhy = "the server speaks TLS: use " + use;
+      C.Input.clear();
+    } else if (C.Head.empty()) {
+      C.SpeaksTls = true;
+      C.ClosedWhy =
+          "the server hung up at our first bytes without a word, as a TLS server does: use " + use;
+    }
   }
   // After open nobody asks for the server's notices; only the open's wait looks at them.
   if (C.Decoder.Notices().size() > 64) C.Decoder.Notices().clear();
@@ -392,6 +394,7 @@ size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, boo
     if (!held) {
       const int64_t n = C.Send(Bytes.data() + done, Bytes.size() - done, Error);
       if (n < 0) return done;
+      C.Sent = C.Sent || n > 0;
       done += static_cast<size_t>(n);
       if (done == Bytes.size()) break;
     }
@@ -456,8 +459,10 @@ int32_t RemoteSerialBackend::Write(int32_t Handle, const std::string& Data) {
     at += static_cast<uint8_t>(Data[taken]) == telnet::IAC && c->Url.Telnet ? 2 : 1;
     if (at > sent) break;
   }
+  // The stream's end may tell better than the failed send what the server is.
+  Pump(*c);
   // Whatever followed a block cut short would land inside it.
-  Lose(Handle, error);
+  Lose(Handle, c->SpeaksTls ? c->ClosedWhy : error);
   return static_cast<int32_t>(taken);
 }
 

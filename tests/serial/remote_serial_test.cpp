@@ -111,8 +111,8 @@ TEST(RemoteSerial, AnOpenNeedsBinaryBothWaysAndThePortOption) {
     const char* Name;
     std::string Greeting;
     std::string Late;  // sent 300 ms later; what the client sent before then is ignored
-    std::function<std::string(const ComPortNotice&)> Answer;
-    const char* Reason;  // empty for an open that must succeed
+    std::function<std::string(const ComPortNotice&)> Answer;  // none: hang up at once
+    const char* Reason;                                       // empty for an open that must succeed
   };
   const Case cases[] = {
       {"a server that keeps its own baud rate", kBinary + kPortOption, "",
@@ -129,10 +129,23 @@ TEST(RemoteSerial, AnOpenNeedsBinaryBothWaysAndThePortOption) {
       {"a server that will not take binary", "\xff\xfb\x00\xff\xfe\x00"s + kPortOption, "", Confirm,
        "(Telnet BINARY) from"},
       {"a server that takes up the port option late", kBinary, kPortOption, Confirm, ""},
+      {"a secured server's alert", "\x15\x03\x03\x00\x02\x02\x46"s, "", nullptr,
+       "the server speaks TLS: use rfc2217+tls://"},
+      {"a server that says nothing", "", "", nullptr,
+       "the server hung up at our first bytes without a word, as a TLS server does: use "
+       "rfc2217+tls://"},
+      {"a server that says nothing useful", "\x15\x02"s, "", nullptr,
+       "the server closed the connection"},
   };
   for (const Case& c : cases) {
     ScriptedServer server([&](int Peer) {
       Send(Peer, c.Greeting);
+      if (!c.Answer) {
+        std::this_thread::sleep_for(100ms);
+        char greeting[512];
+        recv(Peer, greeting, sizeof greeting, MSG_DONTWAIT);
+        return;
+      }
       if (!c.Late.empty()) {
         std::this_thread::sleep_for(300ms);
         char early[512];
