@@ -321,10 +321,10 @@ std::string RemoteSerialBackend::CheckPlainServer(Connection& C, SteadyTime::dur
   for (;;) {
     Pump(C);
     if (C.Head.size() >= kHeadBytes || !C.ClosedWhy.empty()) break;
-    if (Interrupted()) return kConnectCancelled;
     const int64_t left = MicrosUntil(deadline);
     if (left <= 0) break;
-    C.Socket.Wait(false, static_cast<int32_t>(std::min<int64_t>(left, kAskEveryMicros)));
+    if (Interrupted()) return std::string(kConnectCancelled);
+    C.Socket.Wait(false, static_cast<int32_t>(std::min<int64_t>(kAskEveryMicros, left)));
   }
   if (!IsTelnetQuestion(C.Head)) return {};
   return std::string("the server speaks Telnet (RFC 2217): use ") +
