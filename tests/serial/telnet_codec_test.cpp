@@ -64,7 +64,7 @@ TEST(TelnetDecoder, OneRowPerRule) {
   }
 }
 
-TEST(RemotePortUrl, NamesAndSettingStrings) {
+TEST(RemotePortUrl, NamesAndWhatIsWrongWithThem) {
   // clang-format off
   const std::pair<const char*, const char*> names[] = {
       {"rfc2217://127.0.0.1:2000", "telnet 127.0.0.1 2000"}, {"socket://[::1]:7", "raw ::1 7"},
