@@ -30,6 +30,12 @@ struct Lookup {
   std::string Error;
 };
 
+// A host written as an IPv4 or IPv6 address; a name always holds something else.
+bool IsAddressText(const std::string& Host) {
+  return Host.find(':') != std::string::npos ||
+         Host.find_first_not_of("0123456789.") == std::string::npos;
+}
+
 bool Asked(const std::function<bool()>& Interrupted) {
   return Interrupted && Interrupted();
 }
@@ -47,7 +53,7 @@ std::optional<std::vector<SocketAddress>> LookUp(const std::string& Host, const 
   try {
     std::thread([lookup, Host, Port, resolve = Limits.Resolve] {
       std::string error;
-      auto found = resolve(Host, Port, error);
+      auto found = resolve(Host, Port, IsAddressText(Host), error);
       const std::lock_guard hold(lookup->Lock);
       lookup->Addresses = std::move(found);
       lookup->Error = std::move(error);

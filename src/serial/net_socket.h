@@ -17,13 +17,15 @@ struct SocketAddress {
 };
 
 /// Looks up the addresses of `Host` and `Port`; may take as long as the name service does.
-/// Nothing, and why in `Error`, when the name has no address.
+/// With `Address` the host is an IP address and is read as one, never looked up as a name;
+/// without it the host is a name, and one that the system would read as an address is
+/// refused. Nothing, and why in `Error`, when the host has no address.
 using Resolver = std::function<std::vector<SocketAddress>(
-    const std::string& Host, const std::string& Port, std::string& Error)>;
+    const std::string& Host, const std::string& Port, bool Address, std::string& Error)>;
 
 /// The system's name service (getaddrinfo).
 std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
-                                             std::string& Error);
+                                             bool Address, std::string& Error);
 
 /// What a connect may wait for, and who may stop it.
 struct ConnectLimits {
@@ -44,8 +46,8 @@ inline constexpr const char* kConnectCancelled = "cancelled";
 class NetSocket {
  public:
   /// Resolves `Host` and connects to `Port` within the limits; nothing and the reason in
-  /// `Error` when no address answers. A name service that does not answer in time is left to
-  /// finish on its own thread.
+  /// `Error` when no address answers. A host of digits and dots, or with a ":", is an address. A
+  /// name service that does not answer in time is left to finish on its own thread.
   static std::optional<NetSocket> Connect(const std::string& Host, const std::string& Port,
                                           const ConnectLimits& Limits, std::string& Error);
 

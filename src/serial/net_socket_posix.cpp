@@ -21,13 +21,29 @@ timespec TimespecOf(int32_t Micros) {
   return timespec{Micros / 1'000'000, static_cast<long>(Micros % 1'000'000) * 1000};
 }
 
+// Whether the system reads `Host` as a numeric address, as it does "127.1" and "0x7f.1".
+bool ReadsAsAddress(const std::string& Host) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(Host.c_str(), nullptr, &hints, &found) != 0) return false;
+  ::freeaddrinfo(found);
+  return true;
+}
+
 }  // namespace
 
 std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
-                                             std::string& Error) {
+                                             bool Address, std::string& Error) {
+  if (!Address && ReadsAsAddress(Host)) {
+    Error = "'" + Host + "' reads as an address, not a name";
+    return {};
+  }
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = Address ? AI_NUMERICHOST : 0;
   addrinfo* found = nullptr;
   const int status = ::getaddrinfo(Host.c_str(), Port.c_str(), &hints, &found);
   if (status != 0) {

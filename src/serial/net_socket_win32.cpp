@@ -20,6 +20,17 @@ timeval TimevalOf(int32_t Micros) {
   return timeval{static_cast<long>(Micros / 1'000'000), static_cast<long>(Micros % 1'000'000)};
 }
 
+// Whether the system reads `Host` as a numeric address, as it does "127.1".
+bool ReadsAsAddress(const std::string& Host) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(Host.c_str(), nullptr, &hints, &found) != 0) return false;
+  ::freeaddrinfo(found);
+  return true;
+}
+
 bool StartWinsock(std::string& Error) {
   WSADATA data;
   const int started = ::WSAStartup(MAKEWORD(2, 2), &data);
@@ -30,16 +41,20 @@ bool StartWinsock(std::string& Error) {
 }  // namespace
 
 std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
-                                             std::string& Error) {
+                                             bool Address, std::string& Error) {
   if (!StartWinsock(Error)) return {};
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_protocol = IPPROTO_TCP;
+  hints.ai_flags = Address ? AI_NUMERICHOST : 0;
   addrinfo* found = nullptr;
-  const int status = ::getaddrinfo(Host.c_str(), Port.c_str(), &hints, &found);
+  const bool misread = !Address && ReadsAsAddress(Host);
+  const int status = misread ? 0 : ::getaddrinfo(Host.c_str(), Port.c_str(), &hints, &found);
   std::vector<SocketAddress> addresses;
-  if (status != 0) {
+  if (misread) {
+    Error = "'" + Host + "' reads as an address, not a name";
+  } else if (status != 0) {
     Error = SystemMessage(status);
   } else {
     for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {

@@ -1,11 +1,8 @@
 #include "serial/serial_remote.h"
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <iterator>
 #include <limits>
-#include <tuple>
 #include <vector>
 
 #include "serial/line_settings.h"
@@ -28,115 +25,17 @@ constexpr int32_t kAskEveryMicros = 50'000;
 constexpr size_t kMaxPumpBytes = 65536;
 // A connection that takes no data for this long is dead for the write that waits on it.
 constexpr auto kWriteTimeout = std::chrono::milliseconds(2000);
+// A Telnet server asks its questions as soon as it accepts, so a plain port listens for them
+// twice the time the connect took and this much more, and no longer than the longest.
+constexpr auto kFirstBytesSlack = std::chrono::milliseconds(50);
+constexpr auto kFirstBytesLongest = std::chrono::milliseconds(300);
+// The first bytes of a connection kept to tell what the server speaks.
+constexpr size_t kHeadBytes = 2;
 
 // Microseconds from now to `Deadline`; zero or less once it has passed.
 int64_t MicrosUntil(SteadyTime::time_point Deadline) {
   return std::chrono::duration_cast<std::chrono::microseconds>(Deadline - SteadyTime::now())
       .count();
-}
-
-bool StartsWithNoCase(std::string_view Text, std::string_view Prefix) {
-  return Text.size() >= Prefix.size() &&
-         std::equal(Prefix.begin(), Prefix.end(), Text.begin(), [](char A, char B) {
-           return std::tolower(static_cast<unsigned char>(A)) ==
-                  std::tolower(static_cast<unsigned char>(B));
-         });
-}
-
-// The schemes of network ports.
-struct RemoteScheme {
-  std::string_view Name;
-  bool Telnet;
-  bool Tls;
-};
-constexpr RemoteScheme kSchemes[] = {{"rfc2217", true, false},
-                                     {"socket", false, false},
-                                     {"rfc2217+tls", true, true},
-                                     {"socket+tls", false, true}};
-
-// Takes the files of a secured port from the URL's query, "ca=FILE&cert=FILE&key=FILE";
-// empty when it could, else what is wrong.
-std::string TakeTlsQuery(std::string_view Query, TlsFiles& Files) {
-  while (!Query.empty()) {
-    const size_t end = std::min(Query.find('&'), Query.size());
-    const std::string_view pair = Query.substr(0, end);
-    Query.remove_prefix(std::min(end + 1, Query.size()));
-    const size_t equals = pair.find('=');
-    const std::string_view key = pair.substr(0, equals);
-    const std::string value(equals == std::string_view::npos ? "" : pair.substr(equals + 1));
-    std::string* field = key == "ca"     ? &Files.CaFile
-                         : key == "cert" ? &Files.CertFile
-                         : key == "key"  ? &Files.KeyFile
-                                         : nullptr;
-    if (field == nullptr) return "'" + std::string(pair) + "' is none of ca=, cert=, key=";
-    if (value.empty()) return std::string(key) + "= names no file";
-    *field = value;
-  }
-  return {};
-}
-
-bool AllDigits(std::string_view Text) {
-  return !Text.empty() &&
-         std::all_of(Text.begin(), Text.end(), [](char C) { return C >= '0' && C <= '9'; });
-}
-
-// The pieces of `Text` between the `Separator`s, empty ones too.
-std::vector<std::string_view> Split(std::string_view Text, char Separator) {
-  std::vector<std::string_view> parts;
-  for (size_t at = 0;;) {
-    const size_t next = Text.find(Separator, at);
-    parts.push_back(Text.substr(at, next - at));
-    if (next == std::string_view::npos) return parts;
-    at = next + 1;
-  }
-}
-
-// Four numbers from 0 to 255 between dots.
-bool IsIpv4(std::string_view Text) {
-  const auto parts = Split(Text, '.');
-  return parts.size() == 4 && std::all_of(parts.begin(), parts.end(), [](std::string_view P) {
-           return AllDigits(P) && P.size() <= 3 && std::stoi(std::string(P)) <= 255;
-         });
-}
-
-// Eight groups of up to four hex digits, a "::" once for a run of zero groups (a second one
-// leaves an empty group behind the first), and the last two groups perhaps written as an IPv4
-// address.
-bool IsIpv6(std::string_view Text) {
-  const size_t gap = Text.find("::");
-  size_t groups = 0;
-  const auto countGroups = [&](std::string_view Part, bool MayEndInIpv4) {
-    if (Part.empty()) return true;
-    const auto parts = Split(Part, ':');
-    for (size_t i = 0; i < parts.size(); ++i) {
-      if (MayEndInIpv4 && i + 1 == parts.size() && IsIpv4(parts[i])) {
-        groups += 2;
-      } else if (parts[i].empty() || parts[i].size() > 4 ||
-                 !std::all_of(parts[i].begin(), parts[i].end(), [](char C) {
-                   return std::isxdigit(static_cast<unsigned char>(C));
-                 })) {
-        return false;
-      } else {
-        ++groups;
-      }
-    }
-    return true;
-  };
-  if (gap == std::string_view::npos) return countGroups(Text, true) && groups == 8;
-  return countGroups(Text.substr(0, gap), false) && countGroups(Text.substr(gap + 2), true) &&
-         groups <= 7;
-}
-
-// A DNS name (labels of letters, digits and hyphens between dots) or an IPv4 address; a name of
-// digits and dots only is read as an address by the resolver, so it must be a whole one.
-bool IsHost(std::string_view Text) {
-  if (Text.find_first_not_of("0123456789.") == std::string_view::npos) return IsIpv4(Text);
-  const auto labels = Split(Text, '.');
-  return std::all_of(labels.begin(), labels.end(), [](std::string_view L) {
-    return !L.empty() && std::all_of(L.begin(), L.end(), [](char C) {
-      return (C >= 'a' && C <= 'z') || (C >= 'A' && C <= 'Z') || (C >= '0' && C <= '9') || C == '-';
-    });
-  });
 }
 
 std::string EncodeBig(uint32_t Value, int Bytes) {
@@ -179,6 +78,13 @@ uint8_t StopCode(StopKind Stop) {
   return 1;
 }
 
+// A Telnet server's question, as it opens every connection.
+bool IsTelnetQuestion(std::string_view Head) {
+  return Head.size() >= 2 && static_cast<uint8_t>(Head[0]) == telnet::IAC &&
+         static_cast<uint8_t>(Head[1]) >= telnet::WILL &&
+         static_cast<uint8_t>(Head[1]) <= telnet::DONT;
+}
+
 // One line setting sent to the server, and what its confirmation must carry.
 struct SettingRequest {
   uint8_t Command;
@@ -215,6 +121,10 @@ struct Connection {
   std::string Input;               // data bytes arrived and not yet read
   std::string ClosedWhy;           // set once the stream has ended; reported when Input is empty
   std::unique_ptr<TlsStream> Tls;  // on a secured port, what goes through the socket
+  std::string Replies;             // answers to the server's questions, sent whole between writes
+  std::string Head;                // the first bytes the server sent, as they came
+  bool Sent = false;               // a byte of ours has gone out
+  bool SpeaksTls = false;          // the server answered a plain connection as a secured one
 
   int64_t Send(const char* Data, size_t Count, std::string& Error) {
     return Tls ? Tls->Send(Data, Count, Error) : Socket.Send(Data, Count, Error);
@@ -263,9 +173,15 @@ class RemoteSerialBackend final : public SerialBackend {
     last_error_ = std::move(Reason);
     return -1;
   }
-  // Takes what has arrived and answers the server's questions; an ended stream leaves its
-  // reason in ClosedWhy.
+  // Takes what has arrived and queues the answers to the server's questions; an ended stream
+  // leaves its reason in ClosedWhy.
   void Pump(Connection& C);
+  // Sends the queued answers whole; only between writes, so that no answer lands inside a
+  // data block or a doubled 0xFF. One that cannot go ends the connection.
+  void SendReplies(Connection& C);
+  // Listens for the first bytes of a plain port's server for at most `Window`; empty when it
+  // does not speak Telnet, else what to write instead.
+  std::string CheckPlainServer(Connection& C, SteadyTime::duration Window);
   // Sends everything or fails; the count of bytes the server took. `Data` waits while the
   // server's flow control holds it; the protocol's own messages never wait for that.
   size_t SendAll(Connection& C, const std::string& Bytes, bool Data, std::string& Error);
@@ -286,17 +202,14 @@ class RemoteSerialBackend final : public SerialBackend {
 int32_t RemoteSerialBackend::Open(const std::string& PortName,
                                   const std::string& LineSettingsText) {
   lost_reason_.clear();
-  std::string name = PortName;
-  std::string settings = LineSettingsText;
-  if (auto split = SplitRemoteSetting(PortName, LineSettingsText)) {
-    std::tie(name, settings) = std::move(*split);
-  }
+  const std::string& settings = LineSettingsText;
   std::string error;
-  const auto url = ParseRemotePortUrl(name, error);
+  const auto url = ParseRemotePortUrl(PortName, error);
   if (!url) return FailOpen(error);
   const auto wanted = ParseLineSettings(settings);
   if (!wanted) return FailOpen("bad line settings '" + settings + "'");
 
+  const auto started = SteadyTime::now();
   auto socket = NetSocket::Connect(url->Host, url->Port, {kConnectTimeoutMs, interrupted_}, error);
   if (!socket) {
     return FailOpen(error == kConnectCancelled
@@ -304,7 +217,9 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
                         : "cannot connect to " + url->Host + ":" + url->Port + ": " + error);
   }
   auto c = std::unique_ptr<Connection>(
-      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}, {}});
+      new Connection{next_handle_, *url, std::move(*socket), {}, {}, {}, {}, {}, {}, false, false});
+  const auto window = std::min<SteadyTime::duration>(
+      kFirstBytesLongest, kFirstBytesSlack + 2 * (SteadyTime::now() - started));
   fingerprint_.clear();
   if (c->Url.Tls) {
     // Before a byte of firmware goes out, the server proves who it is, and so do we.
@@ -319,6 +234,8 @@ int32_t RemoteSerialBackend::Open(const std::string& PortName,
   if (c->Url.Telnet) {
     error = NegotiateSettings(*c, *wanted, settings);
     if (!error.empty()) return FailOpen(ClosedAfterHandshake(*c, error));
+  } else if (error = CheckPlainServer(*c, window); !error.empty()) {
+    return FailOpen(error);
   }
   // Whatever came before the port was ours belongs to nobody.
   Pump(*c);
@@ -345,6 +262,7 @@ std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSett
   const auto deadline = SteadyTime::now() + kSettingsTimeout;
   for (;;) {
     Pump(C);
+    SendReplies(C);
     for (const ComPortNotice& n : C.Decoder.Notices()) {
       for (SettingRequest& r : requests) {
         if (n.Command != r.Command + comport::SERVER_OFFSET) continue;
@@ -386,7 +304,7 @@ std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSett
                     [](const SettingRequest& r) { return r.Confirmed; })) {
       return {};
     }
-    if (!C.ClosedWhy.empty()) return "the server closed the connection";
+    if (!C.ClosedWhy.empty()) return C.SpeaksTls ? C.ClosedWhy : "the server closed the connection";
     if (Interrupted()) return kConnectCancelled;
     const int64_t left = MicrosUntil(deadline);
     if (left <= 0) {
@@ -398,10 +316,24 @@ std::string RemoteSerialBackend::NegotiateSettings(Connection& C, const LineSett
   }
 }
 
+std::string RemoteSerialBackend::CheckPlainServer(Connection& C, SteadyTime::duration Window) {
+  const auto deadline = SteadyTime::now() + Window;
+  for (;;) {
+    Pump(C);
+    if (C.Head.size() >= kHeadBytes || !C.ClosedWhy.empty()) break;
+    const int64_t left = MicrosUntil(deadline);
+    if (left <= 0) break;
+    if (Interrupted()) return std::string(kConnectCancelled);
+    C.Socket.Wait(false, static_cast<int32_t>(std::min<int64_t>(kAskEveryMicros, left)));
+  }
+  if (!IsTelnetQuestion(C.Head)) return {};
+  return std::string("the server speaks Telnet (RFC 2217): use ") +
+         (C.Url.Tls ? "rfc2217+tls://" : "rfc2217://");
+}
+
 void RemoteSerialBackend::Pump(Connection& C) {
   if (!C.ClosedWhy.empty()) return;
   char chunk[4096];
-  std::string replies;
   // A server that never stops sending still lets the caller return to its loop.
   for (size_t taken = 0; taken < kMaxPumpBytes; taken += sizeof chunk) {
     std::string error;
@@ -412,17 +344,39 @@ void RemoteSerialBackend::Pump(Connection& C) {
     }
     if (n == 0) break;
     const std::string_view got(chunk, static_cast<size_t>(n));
+    C.Head += got.substr(0, kHeadBytes - std::min(C.Head.size(), kHeadBytes));
     if (C.Url.Telnet) {
-      C.Decoder.Feed(got, C.Input, replies);
+      C.Decoder.Feed(got, C.Input, C.Replies);
     } else {
       C.Input.append(got);
     }
   }
-  // The server's questions are answered at once; a failure shows at the next read.
-  std::string error;
-  if (!replies.empty()) SendAll(C, replies, false, error);
+  // A secured server answers a plain connection's first bytes with an alert record, or hangs
+  // up without a word.
+  if (!C.ClosedWhy.empty() && !C.Tls && C.Sent) {
+    const std::string use = C.Url.Telnet ? "rfc2217+tls://" : "socket+tls://";
+    if (C.Head.starts_with("\x15\x03")) {
+      C.SpeaksTls = true;
+      C.ClosedWhy = "the server speaks TLS: use " + use;
+      C.Input.clear();
+    } else if (C.Head.empty()) {
+      C.SpeaksTls = true;
+      C.ClosedWhy =
+          "the server hung up at our first bytes without a word, as a TLS server does: use " + use;
+    }
+  }
   // After open nobody asks for the server's notices; only the open's wait looks at them.
   if (C.Decoder.Notices().size() > 64) C.Decoder.Notices().clear();
+}
+
+void RemoteSerialBackend::SendReplies(Connection& C) {
+  if (C.Replies.empty() || !C.ClosedWhy.empty()) return;
+  const std::string replies = std::move(C.Replies);
+  C.Replies.clear();
+  std::string error;
+  if (SendAll(C, replies, false, error) != replies.size()) {
+    C.ClosedWhy = "cannot answer the server: " + error;
+  }
 }
 
 size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, bool Data,
@@ -440,6 +394,7 @@ size_t RemoteSerialBackend::SendAll(Connection& C, const std::string& Bytes, boo
     if (!held) {
       const int64_t n = C.Send(Bytes.data() + done, Bytes.size() - done, Error);
       if (n < 0) return done;
+      C.Sent = C.Sent || n > 0;
       done += static_cast<size_t>(n);
       if (done == Bytes.size()) break;
     }
@@ -466,6 +421,7 @@ int32_t RemoteSerialBackend::BytesWaiting(int32_t Handle) {
   Connection* c = Find(Handle);
   if (c == nullptr) return 0;
   Pump(*c);
+  SendReplies(*c);
   // Bytes that came before the end are still delivered; the next look reports the loss.
   if (!c->Input.empty()) {
     return static_cast<int32_t>(
@@ -489,17 +445,24 @@ int16_t RemoteSerialBackend::Read(int32_t Handle, int32_t Count, std::string& Bu
 int32_t RemoteSerialBackend::Write(int32_t Handle, const std::string& Data) {
   Connection* c = Find(Handle);
   if (c == nullptr) return 0;
+  SendReplies(*c);
   const std::string wire = c->Url.Telnet ? TelnetEscape(Data) : Data;
   std::string error;
   const size_t sent = SendAll(*c, wire, true, error);
-  if (sent == wire.size()) return static_cast<int32_t>(Data.size());
-  lost_reason_ = error;
+  if (sent == wire.size()) {
+    SendReplies(*c);
+    return static_cast<int32_t>(Data.size());
+  }
   // Counts the data bytes that went out whole; a doubled 0xFF counts once both halves went.
   size_t taken = 0;
   for (size_t at = 0; taken < Data.size(); ++taken) {
     at += static_cast<uint8_t>(Data[taken]) == telnet::IAC && c->Url.Telnet ? 2 : 1;
     if (at > sent) break;
   }
+  // The stream's end may tell better than the failed send what the server is.
+  Pump(*c);
+  // Whatever followed a block cut short would land inside it.
+  Lose(Handle, c->SpeaksTls ? c->ClosedWhy : error);
   return static_cast<int32_t>(taken);
 }
 
@@ -511,10 +474,15 @@ void RemoteSerialBackend::Close(int32_t Handle) {
 void RemoteSerialBackend::RaiseDtr(int32_t Handle) {
   Connection* c = Find(Handle);
   if (c == nullptr || !c->Url.Telnet) return;
+  SendReplies(*c);
+  if (!c->ClosedWhy.empty()) return;
   // Not waited for: a server in front of a line without modem signals never confirms it.
+  const std::string command =
+      ComPortCommand(comport::SET_CONTROL, std::string(1, comport::CONTROL_DTR_ON));
   std::string error;
-  SendAll(*c, ComPortCommand(comport::SET_CONTROL, std::string(1, comport::CONTROL_DTR_ON)), false,
-          error);
+  if (SendAll(*c, command, false, error) != command.size()) {
+    Lose(Handle, "cannot raise DTR: " + error);
+  }
 }
 
 void RemoteSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
@@ -524,104 +492,6 @@ void RemoteSerialBackend::WaitForInput(int32_t Handle, int32_t MaxMicros) {
 }
 
 }  // namespace
-
-bool IsRemotePortName(std::string_view Name) {
-  return std::any_of(std::begin(kSchemes), std::end(kSchemes), [&](const RemoteScheme& S) {
-    return StartsWithNoCase(Name, std::string(S.Name) + ":");
-  });
-}
-
-std::optional<RemotePortUrl> ParseRemotePortUrl(std::string_view Name, std::string& Error) {
-  const std::string quoted = "'" + std::string(Name) + "'";
-  const size_t schemeEnd = Name.find("://");
-  const RemoteScheme* scheme = nullptr;
-  for (const RemoteScheme& s : kSchemes) {
-    if (schemeEnd == s.Name.size() && StartsWithNoCase(Name, s.Name)) scheme = &s;
-  }
-  if (scheme == nullptr) {
-    Error = quoted +
-            " is no network port: write rfc2217://HOST:PORT or socket://HOST:PORT, with +tls "
-            "behind the scheme for a secured one";
-    return std::nullopt;
-  }
-  const std::string form = std::string(scheme->Name) + "://";
-  std::string_view rest = Name.substr(schemeEnd + 3);
-  RemotePortUrl url;
-  // A secured port takes its files as the URL's query.
-  const size_t query = scheme->Tls ? rest.find('?') : std::string_view::npos;
-  if (query != std::string_view::npos) {
-    if (const std::string why = TakeTlsQuery(rest.substr(query + 1), url.Files); !why.empty()) {
-      Error = quoted + ": " + why;
-      return std::nullopt;
-    }
-    rest = rest.substr(0, query);
-  }
-  const size_t end = rest.find_first_of("/?#");
-  if (end != std::string_view::npos) {
-    Error = quoted + " has '" + std::string(rest.substr(end)) + "' behind the port: write " + form +
-            "HOST:PORT";
-    return std::nullopt;
-  }
-  // The port follows the last ":", or the bracket that closes an IPv6 address.
-  const size_t close = rest.starts_with('[') ? rest.find(']') : std::string_view::npos;
-  const size_t colon = close != std::string_view::npos
-                           ? (rest.substr(close + 1).starts_with(':') ? close + 1 : rest.size())
-                           : std::min(rest.rfind(':'), rest.size());
-  const std::string_view host = rest.substr(0, colon);
-  const std::string_view port = rest.substr(std::min(colon + 1, rest.size()));
-  if (host.empty()) {
-    Error = quoted + " has no host: write " + form + "HOST:PORT";
-    return std::nullopt;
-  }
-  if (port.empty()) {
-    Error =
-        quoted + " has no port: write " + form + "HOST:PORT, as in " + form + "192.168.1.20:3001";
-    return std::nullopt;
-  }
-  const bool bracketed = host.front() == '[' && host.back() == ']';
-  if (bracketed ? !IsIpv6(host.substr(1, host.size() - 2)) : !IsHost(host)) {
-    Error = quoted + ": host '" + std::string(host) +
-            "' is not a name, an IPv4 address or an [IPv6] address";
-    return std::nullopt;
-  }
-  if (!AllDigits(port)) {
-    Error = quoted + ": port '" + std::string(port) + "' is not a number from 1 to 65535";
-    return std::nullopt;
-  }
-  // Long enough to stand above the range, short enough to stay an int.
-  const int value = port.size() > 6 ? 1'000'000 : std::stoi(std::string(port));
-  if (value < 1 || value > 65535) {
-    Error = quoted + ": port " + std::string(port) + " is not from 1 to 65535";
-    return std::nullopt;
-  }
-  url.Telnet = scheme->Telnet;
-  url.Tls = scheme->Tls;
-  url.Host = bracketed ? host.substr(1, host.size() - 2) : host;
-  url.Port = std::to_string(value);
-  return url;
-}
-
-std::optional<std::pair<std::string, std::string>> SplitRemoteSetting(const std::string& PortName,
-                                                                      const std::string& Rest) {
-  if (!IsRemotePortName(PortName + ":") || !Rest.starts_with("//")) return std::nullopt;
-  // Line settings hold no ":", so the last one parts them from the URL, whose query may name
-  // a file with a drive letter; a URL that ends in its port has no line settings behind it.
-  const size_t cut = Rest.rfind(':');
-  if (cut == std::string::npos || AllDigits(std::string_view(Rest).substr(cut + 1))) {
-    return std::pair{PortName + ":" + Rest, std::string()};
-  }
-  return std::pair{PortName + ":" + Rest.substr(0, cut), Rest.substr(cut + 1)};
-}
-
-std::string PortNameProblem(std::string_view Name) {
-  if (!IsRemotePortName(Name)) return {};
-  std::string error;
-  const auto url = ParseRemotePortUrl(Name, error);
-  if (!url) return error;
-  if (!url->Tls) return {};
-  error = CheckTlsFiles(url->Files);
-  return error.empty() ? error : "'" + std::string(Name) + "': " + error;
-}
 
 std::unique_ptr<SerialBackend> MakeRemoteSerialBackend() {
   return std::make_unique<RemoteSerialBackend>();

@@ -12,12 +12,12 @@ namespace {
 // Handles of network ports are numbered from here, above any the machine's ports use.
 constexpr int32_t kRemoteHandleBase = 0x40000000;
 
-// Hands each port to the backend its name calls for: a URL to the network, the rest to the
-// machine's own serial ports.
+// Hands each port to the backend its name calls for: a URL of any scheme to the network, which
+// takes or refuses it, the rest to the machine's own serial ports.
 class SelectingSerialBackend final : public SerialBackend {
  public:
   int32_t Open(const std::string& PortName, const std::string& LineSettings) override {
-    if (IsRemotePortName(PortName) || SplitRemoteSetting(PortName, LineSettings)) {
+    if (IsRemotePortName(PortName)) {
       return OpenRemote(PortName, LineSettings);
     }
     last_ = local_.get();

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <set>
@@ -89,7 +90,8 @@ TEST(RemotePort, BothKindsFlashBothProtocolsBesideALocalPort) {
 TEST(RemotePort, ALostServerIsALostPort) {
   const std::string file = WriteTempFile("fw.hex", testing::HexOf(HostileImage(20000)));
   Process module({PALIMBO_CLI, "simulate"}, WriteTempFile("simulate.err", ""));
-  Ser2net server({module.FirstLine(10000)});
+  const std::string device = module.FirstLine(10000);
+  Ser2net server({device});
   const std::string err = WriteTempFile("flash.err", "");
   Process flash(
       {PALIMBO_CLI, "flash", "--give-up-after", "40", "--port", server.Url(0, true), file}, err);
@@ -102,10 +104,31 @@ TEST(RemotePort, ALostServerIsALostPort) {
   EXPECT_NE(ReadAll(err).find("port " + server.Url(0, true) + " lost: "), std::string::npos)
       << ReadAll(err);
 
-  const std::string nobody = "socket://127.0.0.1:" + std::to_string(FreePort());
-  Process refused({PALIMBO_CLI, "flash", "--port", nobody, file}, err);
-  EXPECT_EQ(refused.Wait(), 1);
-  EXPECT_NE(ReadAll(err).find("Connection refused"), std::string::npos) << ReadAll(err);
+  // A server of another kind, or none, is told as such; a URL that cannot be right is a wrong
+  // argument.
+  server.Start();
+  const std::string pki = (testing::TestFolder() / "pki").string();
+  ASSERT_EQ(std::system(("sh " PALIMBO_MAKE_PKI " " + pki).c_str()), 0);
+  Ser2net secured({device}, "ssl(key=" + pki + "/server.key,cert=" + pki + "/server.crt)");
+  const auto as = [](const char* Scheme, const std::string& Url) {
+    return Scheme + Url.substr(Url.find(':'));
+  };
+  const struct {
+    std::string Url;
+    int Status;
+    const char* Message;
+  } others[] = {
+      {"socket://127.0.0.1:" + std::to_string(FreePort()), 1, "Connection refused"},
+      {as("socket", server.Url(0, true)), 1, "the server speaks Telnet (RFC 2217): use rfc2217://"},
+      {secured.Url(0, true), 1, "as a TLS server does: use rfc2217+tls://"},
+      {secured.Url(0, false), 1, "as a TLS server does: use socket+tls://"},
+      {as("tcp", server.Url(0, false)), 2, "unknown scheme 'tcp'"},
+  };
+  for (const auto& row : others) {
+    Process refused({PALIMBO_CLI, "flash", "--port", row.Url, file}, err);
+    EXPECT_EQ(refused.Wait(), row.Status) << row.Url;
+    EXPECT_NE(ReadAll(err).find(row.Message), std::string::npos) << row.Url << ReadAll(err);
+  }
 }
 
 }  // namespace

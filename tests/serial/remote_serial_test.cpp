@@ -1,6 +1,7 @@
 // The network backend against scripted servers on the loopback address: what a real server
 // does not readily do (refuse a setting, send garbage, vanish) is scripted here.
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,11 +28,13 @@ using namespace std::chrono_literals;
 using Time = std::chrono::steady_clock;
 
 // A server for one connection; `Script` gets the connected socket. Without a script the server
-// never accepts and its queue is full, so that a connect to it waits for an answer.
+// never accepts and its queue is full, so that a connect to it waits for an answer. A `Buffer`
+// size makes the connection's receive buffer that small.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::function<void(int)> Script) {
+  explicit ScriptedServer(std::function<void(int)> Script, int Buffer = 0) {
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    if (Buffer > 0) setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &Buffer, sizeof Buffer);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -108,8 +111,8 @@ TEST(RemoteSerial, AnOpenNeedsBinaryBothWaysAndThePortOption) {
     const char* Name;
     std::string Greeting;
     std::string Late;  // sent 300 ms later; what the client sent before then is ignored
-    std::function<std::string(const ComPortNotice&)> Answer;
-    const char* Reason;  // empty for an open that must succeed
+    std::function<std::string(const ComPortNotice&)> Answer;  // none: hang up at once
+    const char* Reason;                                       // empty for an open that must succeed
   };
   const Case cases[] = {
       {"a server that keeps its own baud rate", kBinary + kPortOption, "",
@@ -126,10 +129,23 @@ TEST(RemoteSerial, AnOpenNeedsBinaryBothWaysAndThePortOption) {
       {"a server that will not take binary", "\xff\xfb\x00\xff\xfe\x00"s + kPortOption, "", Confirm,
        "(Telnet BINARY) from"},
       {"a server that takes up the port option late", kBinary, kPortOption, Confirm, ""},
+      {"a secured server's alert", "\x15\x03\x03\x00\x02\x02\x46"s, "", nullptr,
+       "the server speaks TLS: use rfc2217+tls://"},
+      {"a server that says nothing", "", "", nullptr,
+       "the server hung up at our first bytes without a word, as a TLS server does: use "
+       "rfc2217+tls://"},
+      {"a server that says nothing useful", "\x15\x02"s, "", nullptr,
+       "the server closed the connection"},
   };
   for (const Case& c : cases) {
     ScriptedServer server([&](int Peer) {
       Send(Peer, c.Greeting);
+      if (!c.Answer) {
+        std::this_thread::sleep_for(100ms);
+        char greeting[512];
+        recv(Peer, greeting, sizeof greeting, MSG_DONTWAIT);
+        return;
+      }
       if (!c.Late.empty()) {
         std::this_thread::sleep_for(300ms);
         char early[512];
@@ -163,7 +179,7 @@ TEST(RemoteSerial, AnInterruptEndsEveryWaitOfAnOpen) {
     }
   });
   ScriptedServer full(nullptr);
-  const Resolver endless = [](const std::string&, const std::string&, std::string&) {
+  const Resolver endless = [](const std::string&, const std::string&, bool, std::string&) {
     std::this_thread::sleep_for(30s);
     return std::vector<SocketAddress>();
   };
@@ -204,6 +220,26 @@ TEST(RemoteSerial, AnInterruptEndsEveryWaitOfAnOpen) {
   EXPECT_FALSE(NetSocket::Connect("rack7", "3001", {300, nullptr, endless}, error));
   EXPECT_LT(Time::now() - start, 1s);
   EXPECT_EQ(error, "the name was not found within 300 ms");
+}
+
+TEST(RemoteSerial, AHostIsResolvedAsItIsWritten) {
+  const struct {
+    const char* Host;
+    bool Address;
+    const char* Error;  // empty for a host that must resolve
+  } hosts[] = {
+      {"127.0.0.1", true, ""},
+      {"localhost", false, ""},
+      {"localhost", true, "Name or service not known"},
+      {"127.1", false, "'127.1' reads as an address, not a name"},
+      {"0x7f.1", false, "'0x7f.1' reads as an address, not a name"},
+  };
+  for (const auto& h : hosts) {
+    std::string error;
+    const auto found = ResolveWithSystem(h.Host, "1", h.Address, error);
+    EXPECT_EQ(found.empty(), *h.Error != 0) << h.Host;
+    EXPECT_EQ(error, h.Error) << h.Host;
+  }
 }
 
 TEST(RemoteSerial, HeldDataGarbageAroundDataAndALostConnection) {
@@ -249,6 +285,69 @@ TEST(RemoteSerial, HeldDataGarbageAroundDataAndALostConnection) {
   EXPECT_EQ(got, "abc\xff");
   EXPECT_EQ(handle, -1) << "a closed connection is a lost port";
   EXPECT_FALSE(port->LostReason().empty());
+}
+
+// A server that stops reading while a data block goes out and asks a question meanwhile: the
+// answer waits for the block's end, the block arrives once, and a command that cannot go
+// loses the port.
+TEST(RemoteSerial, OneWriteAtATime) {
+  std::string data(4 << 20, '\xff');
+  for (size_t i = 0; i < data.size(); i += 2) data[i] = static_cast<char>(i / 2);
+  const std::string answer = "\xff\xfc\x18"s;  // WONT to the question DO 0x18
+  std::string raw;
+  const auto port = MakeRemoteSerialBackend();
+  int32_t handle = -1;
+  Time::duration writing{};
+  {
+    ScriptedServer server(
+        [&](int Peer) {
+          Send(Peer, kBinary + kPortOption);
+          AnswerSettings(Peer, 4, Confirm);
+          std::this_thread::sleep_for(300ms);
+          Send(Peer, "\xff\xfd\x18"s);
+          std::this_thread::sleep_for(300ms);
+          char chunk[65536];
+          for (pollfd in{Peer, POLLIN, 0}; poll(&in, 1, 3000) > 0;) {
+            const ssize_t n = read(Peer, chunk, sizeof chunk);
+            if (n <= 0) break;
+            raw.append(chunk, static_cast<size_t>(n));
+            if (raw.size() > data.size() && raw.ends_with(answer)) break;
+          }
+          // Gone without a word, as a server that is switched off.
+          const linger reset{1, 0};
+          setsockopt(Peer, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        },
+        4096);
+    handle = Comm_oeffnen_32(*port, server.Url() + ":57600,N,8,1");
+    ASSERT_GE(handle, 0) << port->LastOpenError();
+    const auto start = Time::now();
+    EXPECT_EQ(port->Write(handle, data), static_cast<int32_t>(data.size()));
+    writing = Time::now() - start;
+  }
+  EXPECT_GT(writing, 500ms) << "the block went out before the server stopped reading";
+  // The answer is the first command whose 0xFF is no doubled data byte.
+  const auto doubled = [&](size_t At) {
+    size_t run = 0;
+    while (run < At && raw[At - run - 1] == '\xff') ++run;
+    return run % 2 != 0;
+  };
+  size_t at = raw.find(answer);
+  while (at != std::string::npos && doubled(at)) at = raw.find(answer, at + 1);
+  ASSERT_NE(at, std::string::npos) << "the answer never left";
+  const auto decode = [](std::string_view Bytes) {
+    TelnetDecoder decoder;
+    std::string got, replies;
+    decoder.Feed(Bytes, got, replies);
+    return got;
+  };
+  EXPECT_EQ(decode(raw.substr(0, at)) == data, true) << "answered inside the block";
+  EXPECT_EQ(raw.size(), at + answer.size()) << "more followed the block and its answer";
+  port->WaitForInput(handle, 3'000'000);
+  EscapeCommFunction(*port, handle, SETDTR);
+  std::string ignored;
+  Comm_lesen_32(*port, handle, ignored);
+  EXPECT_EQ(handle, -1);
+  EXPECT_EQ(port->LostReason().rfind("cannot raise DTR: ", 0), 0u) << port->LostReason();
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "serial/comm.h"
 #include "serial/serial_remote.h"
 
 namespace palimbo {
@@ -63,7 +64,7 @@ TEST(TelnetDecoder, OneRowPerRule) {
   }
 }
 
-TEST(RemotePortUrl, NamesAndSettingStrings) {
+TEST(RemotePortUrl, NamesAndWhatIsWrongWithThem) {
   // clang-format off
   const std::pair<const char*, const char*> names[] = {
       {"rfc2217://127.0.0.1:2000", "telnet 127.0.0.1 2000"}, {"socket://[::1]:7", "raw ::1 7"},
@@ -73,19 +74,32 @@ TEST(RemotePortUrl, NamesAndSettingStrings) {
       {"rfc2217://rack7", "'rfc2217://rack7' has no port: write rfc2217://HOST:PORT, as in "
                           "rfc2217://192.168.1.20:3001"},
       {"rfc2217://:2000", "'rfc2217://:2000' has no host"},
-      {"socket://h:0", "port 0 is not from 1 to 65535"},
-      {"socket://h:70000", "port 70000 is not from 1 to 65535"},
+      {"socket://h:0", "port 0 is not from 1 to 65535"}, {"socket://h:1", "raw h 1"},
+      {"socket://h:65536", "port 65536 is not from 1 to 65535"},
       {"socket://h:12x", "port '12x' is not a number"},
       {"rfc2217://a b:1", "host 'a b' is not a name, an IPv4 address or an [IPv6] address"},
-      {"rfc2217://a..b:1", "host 'a..b' is not"}, {"rfc2217://256.1.1.1:1", "host '256.1.1.1'"},
+      {"rfc2217://a..b:1", "host 'a..b' is not"},
+      {"socket://255.255.255.0:1", "raw 255.255.255.0 1"},
+      {"socket://1.2.3.256:1", "host '1.2.3.256' is not an IPv4 address: write four numbers"},
+      {"socket://192.168.001.020:1", "'192.168.001.020' is not an IPv4"},
+      {"socket://127.1:1", "'127.1' is not an IPv4"}, {"socket://2130706433:1", "is not an IPv4"},
+      {"socket://0x7f.1:1", "host '0x7f.1' reads as a number, not a name: write an IPv4 address"},
+      {"socket://0X7F000001:1", "reads as a number"}, {"socket://rack.7:1", "reads as a number"},
       {"rfc2217://10.1.1:1", "host '10.1.1' is not"}, {"rfc2217://::1:1", "host '::1' is not"},
       {"rfc2217://[1::2::3]:1", "host '[1::2::3]'"}, {"rfc2217://[1:2:3:4:5:6:7:8:9]:1", "host"},
       {"rfc2217://[12345::]:1", "host"}, {"rfc2217://[::1:5", "host '[::1' is not"},
-      {"socket://h:1/x", "'/x' behind the port"}, {"tcp://h:1", "is no network port"},
+      {"socket://h:1/x", "'/x' behind the port"},
+      {"tcp://h:1", "'tcp://h:1': unknown scheme 'tcp': the known ones are rfc2217, socket, "
+                    "rfc2217+tls and socket+tls"},
+      {"rfc2217+tsl://h:1", "unknown scheme 'rfc2217+tsl'"}, {"rfc2217:h:1", "is no network port"},
       {"/dev/ttyUSB0", "is no network port"},
       {"rfc2217+tls://h:1?ca=c.pem&cert=a.pem&key=b.pem", "telnet h 1 c.pem a.pem b.pem"},
       {"SOCKET+TLS://[::1]:2", "raw ::1 2   "}, {"socket+tls://h:1?crt=a", "'crt=a' is none of"},
       {"socket+tls://h:1?ca=", "ca= names no file"}, {"socket://h:1?ca=x", "'?ca=x' behind"},
+      {"socket+tls://h:1?ca=/p/my%20ca.pem&cert=a%26b.pem&key=%3a%3A", "raw h 1 /p/my ca.pem a&b.pem ::"},
+      {"socket+tls://h:1?ca=%2", "ca=: bad escape '%2': write % and two hex digits"},
+      {"socket+tls://h:1?key=%zz", "key=: bad escape '%zz'"},
+      {"socket+tls://h:1?cert=a%00", "cert=: %00 names no file"},
   };
   // clang-format on
   for (const auto& [name, expected] : names) {
@@ -98,20 +112,12 @@ TEST(RemotePortUrl, NamesAndSettingStrings) {
         url ? (url->Telnet ? "telnet " : "raw ") + url->Host + " " + url->Port + files : error;
     EXPECT_THAT(got, ::testing::HasSubstr(expected)) << name;
   }
-  // A setting string is cut at its last ":", behind the URL.
-  using Split = std::optional<std::pair<std::string, std::string>>;
-  EXPECT_EQ(SplitRemoteSetting("rfc2217", "//[::1]:2000:57600,N,8,1"),
-            Split({"rfc2217://[::1]:2000", "57600,N,8,1"}));
-  EXPECT_EQ(SplitRemoteSetting("socket", "//h:1:baud=9600 parity=n"),
-            Split({"socket://h:1", "baud=9600 parity=n"}));
-  EXPECT_EQ(SplitRemoteSetting("rfc2217+tls", "//h:1?ca=C:\\ca.pem:57600,N,8,1"),
-            Split({"rfc2217+tls://h:1?ca=C:\\ca.pem", "57600,N,8,1"}));
-  EXPECT_EQ(SplitRemoteSetting("socket", "//h:1"), Split({"socket://h:1", ""}));
-  EXPECT_EQ(SplitRemoteSetting("COM7", "57600,N,8,1"), std::nullopt);
-  // Without a port the open says so, not that the line settings are bad.
+  // An open refuses a URL for the reason its check gives, not for its line settings.
   const auto port = MakeSystemSerialBackend();
-  EXPECT_EQ(port->Open("rfc2217", "//rack7:57600,N,8,1"), -1);
-  EXPECT_THAT(port->LastOpenError(), ::testing::StartsWith("'rfc2217://rack7' has no port"));
+  for (const char* name : {"rfc2217://rack7", "tcp://127.0.0.1:4001", "socket://127.1:4001"}) {
+    EXPECT_EQ(Comm_oeffnen_32(*port, name + ":57600,N,8,1"s), -1);
+    EXPECT_EQ(port->LastOpenError(), PortNameProblem(name)) << name;
+  }
 }
 
 }  // namespace
