@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -17,7 +19,10 @@
 #include "serial/net_socket.h"
 #include "serial/serial_remote.h"
 #include "serial/telnet_codec.h"
+#include "serial/tls_stream.h"
 #include "serial/trace_backend.h"
+#include "support/process.h"
+#include "support/ser2net.h"
 
 namespace palimbo {
 namespace {
@@ -249,6 +254,57 @@ TEST(RemoteSerial, HeldDataGarbageAroundDataAndALostConnection) {
   EXPECT_EQ(got, "abc\xff");
   EXPECT_EQ(handle, -1) << "a closed connection is a lost port";
   EXPECT_FALSE(port->LostReason().empty());
+}
+
+// openssl's test server hands each line back reversed and stops reading while its answers wait
+// unread; it refuses any name but localhost that a client sends.
+TEST(TlsStream, NoNameGoesOutForAnAddressAndEveryByteGoesOnceThroughAStall) {
+  const std::string pki = (testing::TestFolder() / "pki").string();
+  ASSERT_EQ(std::system(("sh " PALIMBO_MAKE_PKI " " + pki).c_str()), 0);
+  const int port = testing::FreePort();
+  const std::string cert = pki + "/server.crt", key = pki + "/server.key";
+  testing::Process server(
+      {"/usr/bin/openssl", "s_server", "-rev", "-quiet", "-accept",
+       "127.0.0.1:" + std::to_string(port), "-cert", cert, "-key", key, "-cert2", cert, "-key2",
+       key, "-servername", "localhost", "-servername_fatal"},
+      testing::WriteTempFile("s_server.err", ""));
+  for (int i = 0; i < 100 && !testing::Listens(port); ++i) usleep(50000);
+  std::string error;
+  auto socket = NetSocket::Connect("127.0.0.1", std::to_string(port), {5000, nullptr}, error);
+  ASSERT_TRUE(socket) << error;
+  auto tls =
+      TlsStream::Handshake(*socket, "127.0.0.1", {pki + "/ca.crt", "", ""}, 5000, nullptr, error);
+  ASSERT_TRUE(tls) << error;
+
+  std::string sent, expected;
+  for (size_t i = 0; sent.size() < (16u << 20); ++i) {
+    const std::string line(1 + i * 37 % 200, static_cast<char>('a' + i % 26));
+    sent += line + (i % 2 ? "x\n" : "y\n");
+    expected += (i % 2 ? "x" : "y") + line + "\n";
+  }
+  std::string back;
+  size_t done = 0;
+  int stalls = 0;
+  const auto until = Time::now() + 30s;
+  for (size_t call = 0; back.size() < expected.size() && Time::now() < until; ++call) {
+    // Each call offers another count, as a caller does that gathers more bytes meanwhile.
+    const int64_t n =
+        tls->Send(sent.data() + done, std::min(sent.size() - done, 1 + call * 7919 % 30000), error);
+    ASSERT_GE(n, 0) << error;
+    done += static_cast<size_t>(n);
+    stalls += n == 0 && done < sent.size();
+    char buffer[65536];
+    const int64_t got =
+        stalls > 10 || done == sent.size() ? tls->Receive(buffer, sizeof buffer, error) : 0;
+    ASSERT_GE(got, 0) << error;
+    back.append(buffer, static_cast<size_t>(got));
+    if (n == 0 && got == 0) socket->Wait(stalls <= 10, 10000);
+  }
+  EXPECT_GT(stalls, 10);
+  EXPECT_EQ(done, sent.size());
+  ASSERT_EQ(back.size(), expected.size());
+  const auto [mine, theirs] = std::mismatch(back.begin(), back.end(), expected.begin());
+  EXPECT_TRUE(mine == back.end()) << "first difference at byte " << mine - back.begin();
 }
 
 }  // namespace
