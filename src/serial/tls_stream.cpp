@@ -73,7 +73,7 @@ constexpr AlertText kAlerts[] = {
     {MBEDTLS_SSL_ALERT_MSG_INSUFFICIENT_SECURITY, "insufficient security", false},
     {MBEDTLS_SSL_ALERT_MSG_INTERNAL_ERROR, "internal error", false},
     {MBEDTLS_SSL_ALERT_MSG_UNRECOGNIZED_NAME, "unrecognized name", false},
-    {116, "certificate required", true},
+    {116, "certificate required", true},  // TLS 1.3's, which Mbed TLS 2.28 does not name
 };
 
 const AlertText& AlertOf(int Code) {
@@ -94,6 +94,7 @@ std::string Unreadable(const std::string& File) {
   return {};
 }
 
+// Whether `File` holds a private key, under a passphrase or not.
 bool HoldsKey(const std::string& File) {
   mbedtls_pk_context key;
   mbedtls_pk_init(&key);
@@ -110,6 +111,7 @@ std::string LoadCertificates(const char* Role, const std::string& File, mbedtls_
   return Role + (" " + File) + " holds no certificate (PEM or DER)";
 }
 
+// Reads the private key of `File` into `Key`; empty when it did, else what is wrong with it.
 std::string LoadKey(const std::string& File, mbedtls_pk_context& Key) {
   if (std::string why = Unreadable(File); !why.empty()) return "key file " + File + ": " + why;
   const int status = mbedtls_pk_parse_keyfile(&Key, File.c_str(), nullptr);
