@@ -161,13 +161,17 @@ class RemoteSerialBackend final : public SerialBackend {
   bool IsLost(int32_t Handle) const {
     return std::find(lost_.begin(), lost_.end(), Handle) != lost_.end();
   }
-  // A secured server that admits no one it does not know may close the connection only after
-  // the handshake (TLS 1.3 sends the verdict then): that is a refusal, not a lost line.
+  // A secured server may give its verdict on our certificate only after the handshake, by a
+  // refusing alert or by hanging up at once on a station it asked for one; any other close is
+  // told as what it is.
   static std::string ClosedAfterHandshake(const Connection& C, const std::string& Reason) {
     if (!C.Tls || C.ClosedWhy.empty()) return Reason;
-    return "the server closed the connection right after the TLS handshake: it does not admit "
-           "our certificate (" +
-           Reason + ")";
+    if (C.Tls->ServerRefusedUs() || C.Tls->ServerAskedForCertificate()) {
+      return "the server closed the connection right after the TLS handshake: it does not admit "
+             "our certificate (" +
+             Reason + ")";
+    }
+    return "the server closed the connection after the TLS handshake: " + C.ClosedWhy;
   }
   int32_t FailOpen(std::string Reason) {
     last_error_ = std::move(Reason);

@@ -42,12 +42,15 @@ class TlsStream {
   TlsStream(const TlsStream&) = delete;
   TlsStream& operator=(const TlsStream&) = delete;
 
-  /// As `NetSocket::Send`, the data encrypted.
+  /// As `NetSocket::Send`, the data encrypted. After a 0, offer the same bytes again: a record
+  /// that waits for the socket goes out first, and its bytes count as taken then, once.
   int64_t Send(const char* Data, size_t Count, std::string& Error);
   /// As `NetSocket::Receive`, the data decrypted.
   int64_t Receive(char* Buffer, size_t Count, std::string& Error);
   /// The server asked for a client certificate in the handshake.
   bool ServerAskedForCertificate() const;
+  /// The server's last alert spoke of our certificate, or of its lack.
+  bool ServerRefusedUs() const;
   /// The SHA-256 of the server's certificate, as `sha256sum` prints a digest.
   std::string ServerFingerprint() const { return fingerprint_; }
 

@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -18,7 +20,10 @@
 #include "serial/net_socket.h"
 #include "serial/serial_remote.h"
 #include "serial/telnet_codec.h"
+#include "serial/tls_stream.h"
 #include "serial/trace_backend.h"
+#include "support/process.h"
+#include "support/ser2net.h"
 
 namespace palimbo {
 namespace {
@@ -348,6 +353,58 @@ TEST(RemoteSerial, OneWriteAtATime) {
   Comm_lesen_32(*port, handle, ignored);
   EXPECT_EQ(handle, -1);
   EXPECT_EQ(port->LostReason().rfind("cannot raise DTR: ", 0), 0u) << port->LostReason();
+}
+
+// openssl's test server hands each line back reversed and stops reading while its answers wait
+// unread; it refuses any name but localhost that a client sends.
+TEST(TlsStream, NoNameGoesOutForAnAddressAndEveryByteGoesOnceThroughAStall) {
+  const std::string pki = (testing::TestFolder() / "pki").string();
+  ASSERT_EQ(std::system(("sh " PALIMBO_MAKE_PKI " " + pki).c_str()), 0);
+  const int port = testing::FreePort();
+  const std::string cert = pki + "/server.crt", key = pki + "/server.key";
+  testing::Process server(
+      {"/usr/bin/openssl", "s_server", "-rev", "-quiet", "-accept",
+       "127.0.0.1:" + std::to_string(port), "-cert", cert, "-key", key, "-cert2", cert, "-key2",
+       key, "-servername", "localhost", "-servername_fatal"},
+      testing::WriteTempFile("s_server.err", ""));
+  for (int i = 0; i < 100 && !testing::Listens(port); ++i) usleep(50000);
+  std::string error;
+  auto socket = NetSocket::Connect("127.0.0.1", std::to_string(port), {5000, nullptr}, error);
+  ASSERT_TRUE(socket) << error;
+  auto tls =
+      TlsStream::Handshake(*socket, "127.0.0.1", {pki + "/ca.crt", "", ""}, 5000, nullptr, error);
+  ASSERT_TRUE(tls) << error;
+
+  // Lines go on until the server has stopped reading a while, however much it buffers.
+  std::string sent, expected, back;
+  size_t done = 0;
+  int stalls = 0;
+  const auto until = Time::now() + 30s;
+  for (size_t call = 0; (stalls <= 10 || back.size() < expected.size()) && Time::now() < until;
+       ++call) {
+    for (size_t i = sent.size(); stalls <= 10 && sent.size() < done + 65536; ++i) {
+      const std::string line(1 + i * 37 % 200, static_cast<char>('a' + i % 26));
+      sent += line + (i % 2 ? "x\n" : "y\n");
+      expected += (i % 2 ? "x" : "y") + line + "\n";
+    }
+    // Each call offers another count, as a caller does that gathers more bytes meanwhile.
+    const int64_t n =
+        tls->Send(sent.data() + done, std::min(sent.size() - done, 1 + call * 7919 % 30000), error);
+    ASSERT_GE(n, 0) << error;
+    done += static_cast<size_t>(n);
+    stalls += n == 0 && done < sent.size();
+    char buffer[65536];
+    const int64_t got =
+        stalls > 10 || done == sent.size() ? tls->Receive(buffer, sizeof buffer, error) : 0;
+    ASSERT_GE(got, 0) << error;
+    back.append(buffer, static_cast<size_t>(got));
+    if (n == 0 && got == 0) socket->Wait(stalls <= 10, 10000);
+  }
+  EXPECT_GT(stalls, 10);
+  EXPECT_EQ(done, sent.size());
+  ASSERT_EQ(back.size(), expected.size());
+  const auto first = std::mismatch(back.begin(), back.end(), expected.begin()).first;
+  EXPECT_TRUE(first == back.end()) << "first difference at byte " << first - back.begin();
 }
 
 }  // namespace
