@@ -63,7 +63,7 @@ const char* const kVerifyUsage =
     "  --port NAME        serial port or network port, as for flash; give it again for more\n"
     "  --all              every controller adapter the scan accepts\n"
     "  --give-up-after S  give up on a module that has not answered for S seconds (default\n"
-    "                     60, at least 21: a module without CRC checks may let the check run\n"
+    "                     60, at least 22: a module without CRC checks may let the check run\n"
     "                     out its tries; 0 never); a port that goes away is given up at once\n"
     "  --json             JSON Lines on stdout; each result carries image_crc and module_crc\n"
     "  --trace FILE       write every chunk to and from the port\n"

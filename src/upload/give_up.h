@@ -16,8 +16,8 @@ inline constexpr int32_t kDefaultNoAnswerSeconds = 60;
 inline constexpr int32_t kLongestHealthySilenceSeconds = 36;
 
 /// The same for a check without writing, which never erases: a bootloader without CRC checks
-/// lets the check run out its ten tries of 2 s (20.1 s in all).
-inline constexpr int32_t kLongestHealthyCheckSilenceSeconds = 21;
+/// lets the check run out its ten tries of 2 s before it answers the reboot (21.1 s in all).
+inline constexpr int32_t kLongestHealthyCheckSilenceSeconds = 22;
 
 /// A way out of a job that would otherwise never end by itself, for front ends without an
 /// operator at CANCEL: the port has gone away under the job, or the module has not answered

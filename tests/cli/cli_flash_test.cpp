@@ -154,11 +154,11 @@ TEST(Flash, WhatAUserTypes) {
       {{"flash", "--give-up-after", "36", "--port", noPort, file},
        1,
        "palimbo-cli: cannot open port"},
-      {{"verify", "--give-up-after", "20", "--port", noPort, file},
-       2,
-       "verify: --give-up-after 20 is shorter than a healthy module may stay silent (21 s: the "
-       "check)"},
       {{"verify", "--give-up-after", "21", "--port", noPort, file},
+       2,
+       "verify: --give-up-after 21 is shorter than a healthy module may stay silent (22 s: the "
+       "check)"},
+      {{"verify", "--give-up-after", "22", "--port", noPort, file},
        1,
        "palimbo-cli: cannot open port"},
       // A trace that the disk does not take fails a module that was written all the same.
