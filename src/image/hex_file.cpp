@@ -1,6 +1,7 @@
 #include "image/hex_file.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
 
 #include "image/file_digest.h"
@@ -93,6 +94,21 @@ HexReadResult Failed(int LineNumber, const char* What) {
 
 }  // namespace
 
+std::string HexNoteText(const HexNote& Note) {
+  const std::string line = "line " + std::to_string(Note.Line) + ": ";
+  switch (Note.What) {
+    case HexNote::Kind::LinearAddress: {
+      char upper[8];
+      std::snprintf(upper, sizeof upper, "0x%04X", static_cast<unsigned>(Note.UpperAddress));
+      return line + "extended linear address " + upper +
+             " (type 4): its data land at their 16-bit addresses";
+    }
+    case HexNote::Kind::DataBehindEnd:
+      return line + "data behind the end-of-file record: they are read into the image";
+  }
+  return line;
+}
+
 std::string MakeBin(std::string_view Hexadec) {
   std::string bytes;
   MakeBinInto(Hexadec, bytes);
@@ -115,6 +131,9 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
   std::string imageBuffer(kBufferSize, '\0');
   int64_t baseAddress = 0;
   int64_t imageLength = 0;
+  std::vector<HexNote> notes;
+  bool behindEnd = false;
+  bool dataBehindEndNoted = false;
 
   LineCutter cutter(Text);
   std::string_view line;
@@ -142,6 +161,10 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
 
     switch (type) {
       case 0: {
+        if (behindEnd && !dataBehindEndNoted) {
+          notes.push_back({HexNote::Kind::DataBehindEnd, lineNumber});
+          dataBehindEndNoted = true;
+        }
         int64_t index = baseAddress + address;
         for (const char byte : data) {
           if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
@@ -167,7 +190,14 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
         IsEncrypted = true;
         break;
       default:
-        // End of file, linear address and start addresses change nothing.
+        // End of file, linear address and start addresses change nothing in the image.
+        behindEnd = behindEnd || type == 1;
+        // A linear address above 64 KiB only tells of a file made for another target.
+        if (type == 4 && byteCount == 2 && data.size() == 2) {
+          const uint32_t upper =
+              uint32_t{static_cast<uint8_t>(data[0])} * 256 + static_cast<uint8_t>(data[1]);
+          if (upper != 0) notes.push_back({HexNote::Kind::LinearAddress, lineNumber, upper});
+        }
         break;
     }
   }
@@ -175,17 +205,18 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
   imageBuffer.resize(static_cast<size_t>(imageLength));
   HexReadResult result;
   result.FirmwareString = std::move(imageBuffer);
+  result.Notes = std::move(notes);
   return result;
 }
 
-HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted) {
+HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted, FileDigest Digest) {
   const FileBytes file = ReadRegularFile(Filename, kHexFileMaxBytes);
   HexReadResult result;
   switch (file.Problem) {
     case FileProblem::None:
       // The digest is of the very bytes the image comes from, so a record can name them.
       result = ReadHexText(file.Bytes, IsEncrypted);
-      result.FileSha256 = Sha256Hex(file.Bytes);
+      if (result.Ok() && Digest == FileDigest::Sha256) result.FileSha256 = Sha256Hex(file.Bytes);
       return result;
     case FileProblem::NotRegular:
       result.Reason = "not a regular file (" + file.Detail + ")";
