@@ -1,6 +1,7 @@
 #include "image/hex_file.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string>
 
@@ -11,12 +12,20 @@ namespace palimbo {
 
 namespace {
 
-// Value of a hexadecimal digit, or -1 for any other character.
+// Value of each character as a hexadecimal digit, or -1 for any other character.
+constexpr std::array<int8_t, 256> kHexDigitValues = [] {
+  std::array<int8_t, 256> values{};
+  for (int c = 0; c < 256; ++c) {
+    values[c] = c >= '0' && c <= '9'   ? static_cast<int8_t>(c - '0')
+                : c >= 'A' && c <= 'F' ? static_cast<int8_t>(c - 'A' + 10)
+                : c >= 'a' && c <= 'f' ? static_cast<int8_t>(c - 'a' + 10)
+                                       : int8_t{-1};
+  }
+  return values;
+}();
+
 int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
+  return kHexDigitValues[static_cast<unsigned char>(c)];
 }
 
 // Decodes into `Out`, reusing its storage, so the reader allocates no string per line.
@@ -26,17 +35,16 @@ void MakeBinInto(std::string_view Hexadec, std::string& Out) {
   // An odd length rounds its half to the even neighbour.
   if (length % 2 == 1 && count % 2 == 1) ++count;
   Out.resize(count);
-  for (size_t i = 0; i < count; ++i) {
-    const size_t first = 2 * i;
-    const size_t end = std::min(first + 2, length);
-    int value = 0;
-    for (size_t k = first; k < end; ++k) {
-      const int digit = HexDigit(Hexadec[k]);
-      if (digit < 0) break;
-      value = value * 16 + digit;
-    }
-    Out[i] = static_cast<char>(value);
+  // A non-hex digit ends its pair: nothing of a pair that starts with one, the first digit alone
+  // of a pair that ends with one.
+  const size_t whole = std::min(count, length / 2);
+  for (size_t i = 0; i < whole; ++i) {
+    const int high = HexDigit(Hexadec[2 * i]);
+    const int low = HexDigit(Hexadec[2 * i + 1]);
+    Out[i] = static_cast<char>(high < 0 ? 0 : low < 0 ? high : high * 16 + low);
   }
+  // The rounded-up pair holds the last digit alone.
+  if (whole < count) Out[whole] = static_cast<char>(std::max(HexDigit(Hexadec[2 * whole]), 0));
 }
 
 // Cuts lines off the front of a text: the first CR LF pair of the remaining text ends a line;
