@@ -173,15 +173,13 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
           notes.push_back({HexNote::Kind::DataBehindEnd, lineNumber});
           dataBehindEndNoted = true;
         }
-        int64_t index = baseAddress + address;
-        for (const char byte : data) {
-          if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
-          imageBuffer[static_cast<size_t>(index)] = byte;
-          ++index;
-        }
-        // An empty record still stretches the image, but never past the buffer.
-        if (index > kBufferSize) return Failed(lineNumber, "data beyond address 100000");
-        imageLength = std::max(imageLength, index);
+        const int64_t start = baseAddress + address;
+        // The index of the record's last byte; an empty record still stretches the image to
+        // its start, so it must not start past the buffer either.
+        const int64_t index = start + static_cast<int64_t>(data.size()) - 1;
+        if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
+        std::copy(data.begin(), data.end(), imageBuffer.begin() + start);
+        imageLength = std::max(imageLength, index + 1);
         break;
       }
       case 2:

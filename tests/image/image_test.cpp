@@ -73,6 +73,9 @@ const ReadCase kReadCases[] = {
     {"SegmentReset", Seg100 + SegOther + A, "55", ""},
     {"LastIndex", Seg1000 + ":0186A0005584", Zeros(100000) + "55", ""},
     {"PastLastIndex", Seg1000 + ":0186A1005583", "", "line 2: data beyond address 100000"},
+    // An empty record stretches the image up to its address, the buffer's end at most.
+    {"EmptyRecordAtTheEnd", Seg1000 + ":0086A100D9", Zeros(100001), ""},
+    {"EmptyRecordPastTheEnd", Seg1000 + ":0086A200D8", "", "line 2: data beyond address 100000"},
     {"Marker", ":000000FF01\r\n" + A, "55", "", true},
     // Start addresses (types 3, 5) and the linear address (type 4) leave the segment's base.
     {"OtherTypesKeepTheBase", Seg100 + ":0400000300003800C1\r\n:020000040001F9\r\n"
