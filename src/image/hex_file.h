@@ -24,7 +24,6 @@ struct HexNote {
   Kind What;
   int Line;                   ///< 1-based line of the record
   uint32_t UpperAddress = 0;  ///< for `LinearAddress`: the upper 16 bits of the address it names
-  bool operator==(const HexNote&) const = default;
 };
 
 /// A note as a line: "line 3: extended linear address 0x0800 (type 4): its data land at their
