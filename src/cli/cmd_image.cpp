@@ -20,9 +20,10 @@ constexpr size_t kPageSize = 256;
 constexpr const char* kInfoUsage =
     "Usage: palimbo-cli info [--json] FILE\n"
     "Reads the firmware file FILE and shows the length of its image, the CRC over the image,\n"
-    "whether it holds the encryption marker and the number of 256-byte pages.\n\n"
+    "whether it holds the encryption marker and the number of 256-byte pages, then a note for\n"
+    "each record that hints at a file built for another target.\n\n"
     "Options:\n"
-    "  --json   print one JSON object: length, crc, encrypted, pages (or error)\n"
+    "  --json   print one JSON object: length, crc, encrypted, pages, notes if any (or error)\n"
     "  --help   show this text\n";
 
 constexpr const char* kHex2BinUsage =
@@ -56,8 +57,9 @@ int RunInfo(const std::vector<std::string>& Args) {
   const int32_t crc = Crc16Of(read.FirmwareString);
   const size_t pages = (length + kPageSize - 1) / kPageSize;
   if (json) {
-    const nlohmann::ordered_json info = {
+    nlohmann::ordered_json info = {
         {"length", length}, {"crc", crc}, {"encrypted", encrypted}, {"pages", pages}};
+    for (const HexNote& note : read.Notes) info["notes"].push_back(HexNoteText(note));
     std::cout << JsonLine(info) << '\n';
     return kExitOk;
   }
@@ -68,6 +70,7 @@ int RunInfo(const std::vector<std::string>& Args) {
             << "CRC:       " << crcText << " (" << crc << ")\n"
             << "Encrypted: " << (encrypted ? "yes" : "no") << '\n'
             << "Pages:     " << pages << " of " << kPageSize << " bytes\n";
+  for (const HexNote& note : read.Notes) std::cout << "Note:      " << HexNoteText(note) << '\n';
   return kExitOk;
 }
 

@@ -235,7 +235,12 @@ namespace {
 // the approval check speak of these very bytes. Nothing, and the reason told, when the file
 // is no firmware to write or not the approved one.
 std::optional<HexReadResult> ReadRunFirmware(const FlashRequest& Request, bool& Encrypted) {
-  HexReadResult image = ReadHexFile(Request.File, Encrypted);
+  HexReadResult image = ReadHexFile(Request.File, Encrypted, FileDigest::Sha256);
+  // Told beside the run, not in its log: the image is still what the reader's rules make of it.
+  for (const HexNote& note : image.Notes) {
+    std::cerr << "warning: " << Request.File << " " << HexNoteText(note)
+              << "; the file was probably built for another target" << std::endl;
+  }
   std::string reason;
   if (!image.Ok()) {
     reason = image.Reason;

@@ -1,6 +1,8 @@
 #include "image/hex_file.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <string>
 
 #include "image/file_digest.h"
@@ -10,12 +12,20 @@ namespace palimbo {
 
 namespace {
 
-// Value of a hexadecimal digit, or -1 for any other character.
+// Value of each character as a hexadecimal digit, or -1 for any other character.
+constexpr std::array<int8_t, 256> kHexDigitValues = [] {
+  std::array<int8_t, 256> values{};
+  for (int c = 0; c < 256; ++c) {
+    values[c] = c >= '0' && c <= '9'   ? static_cast<int8_t>(c - '0')
+                : c >= 'A' && c <= 'F' ? static_cast<int8_t>(c - 'A' + 10)
+                : c >= 'a' && c <= 'f' ? static_cast<int8_t>(c - 'a' + 10)
+                                       : int8_t{-1};
+  }
+  return values;
+}();
+
 int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
+  return kHexDigitValues[static_cast<unsigned char>(c)];
 }
 
 // Decodes into `Out`, reusing its storage, so the reader allocates no string per line.
@@ -25,17 +35,16 @@ void MakeBinInto(std::string_view Hexadec, std::string& Out) {
   // An odd length rounds its half to the even neighbour.
   if (length % 2 == 1 && count % 2 == 1) ++count;
   Out.resize(count);
-  for (size_t i = 0; i < count; ++i) {
-    const size_t first = 2 * i;
-    const size_t end = std::min(first + 2, length);
-    int value = 0;
-    for (size_t k = first; k < end; ++k) {
-      const int digit = HexDigit(Hexadec[k]);
-      if (digit < 0) break;
-      value = value * 16 + digit;
-    }
-    Out[i] = static_cast<char>(value);
+  // A non-hex digit ends its pair: nothing of a pair that starts with one, the first digit alone
+  // of a pair that ends with one.
+  const size_t whole = std::min(count, length / 2);
+  for (size_t i = 0; i < whole; ++i) {
+    const int high = HexDigit(Hexadec[2 * i]);
+    const int low = HexDigit(Hexadec[2 * i + 1]);
+    Out[i] = static_cast<char>(high < 0 ? 0 : low < 0 ? high : high * 16 + low);
   }
+  // The rounded-up pair holds the last digit alone.
+  if (whole < count) Out[whole] = static_cast<char>(std::max(HexDigit(Hexadec[2 * whole]), 0));
 }
 
 // Cuts lines off the front of a text: the first CR LF pair of the remaining text ends a line;
@@ -93,6 +102,21 @@ HexReadResult Failed(int LineNumber, const char* What) {
 
 }  // namespace
 
+std::string HexNoteText(const HexNote& Note) {
+  const std::string line = "line " + std::to_string(Note.Line) + ": ";
+  switch (Note.What) {
+    case HexNote::Kind::LinearAddress: {
+      char upper[8];
+      std::snprintf(upper, sizeof upper, "0x%04X", static_cast<unsigned>(Note.UpperAddress));
+      return line + "extended linear address " + upper +
+             " (type 4): its data land at their 16-bit addresses";
+    }
+    case HexNote::Kind::DataBehindEnd:
+      return line + "data behind the end-of-file record: they are read into the image";
+  }
+  return line;
+}
+
 std::string MakeBin(std::string_view Hexadec) {
   std::string bytes;
   MakeBinInto(Hexadec, bytes);
@@ -115,6 +139,9 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
   std::string imageBuffer(kBufferSize, '\0');
   int64_t baseAddress = 0;
   int64_t imageLength = 0;
+  std::vector<HexNote> notes;
+  bool behindEnd = false;
+  bool dataBehindEndNoted = false;
 
   LineCutter cutter(Text);
   std::string_view line;
@@ -142,15 +169,17 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
 
     switch (type) {
       case 0: {
-        int64_t index = baseAddress + address;
-        for (const char byte : data) {
-          if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
-          imageBuffer[static_cast<size_t>(index)] = byte;
-          ++index;
+        if (behindEnd && !dataBehindEndNoted) {
+          notes.push_back({HexNote::Kind::DataBehindEnd, lineNumber});
+          dataBehindEndNoted = true;
         }
-        // An empty record still stretches the image, but never past the buffer.
-        if (index > kBufferSize) return Failed(lineNumber, "data beyond address 100000");
-        imageLength = std::max(imageLength, index);
+        const int64_t start = baseAddress + address;
+        // The index of the record's last byte; an empty record still stretches the image to
+        // its start, so it must not start past the buffer either.
+        const int64_t index = start + static_cast<int64_t>(data.size()) - 1;
+        if (index > kImageMaxIndex) return Failed(lineNumber, "data beyond address 100000");
+        std::copy(data.begin(), data.end(), imageBuffer.begin() + start);
+        imageLength = std::max(imageLength, index + 1);
         break;
       }
       case 2:
@@ -167,7 +196,14 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
         IsEncrypted = true;
         break;
       default:
-        // End of file, linear address and start addresses change nothing.
+        // End of file, linear address and start addresses change nothing in the image.
+        behindEnd = behindEnd || type == 1;
+        // A linear address above 64 KiB only tells of a file made for another target.
+        if (type == 4 && byteCount == 2 && data.size() == 2) {
+          const uint32_t upper =
+              uint32_t{static_cast<uint8_t>(data[0])} * 256 + static_cast<uint8_t>(data[1]);
+          if (upper != 0) notes.push_back({HexNote::Kind::LinearAddress, lineNumber, upper});
+        }
         break;
     }
   }
@@ -175,17 +211,18 @@ HexReadResult ReadHexText(std::string_view Text, bool& IsEncrypted) {
   imageBuffer.resize(static_cast<size_t>(imageLength));
   HexReadResult result;
   result.FirmwareString = std::move(imageBuffer);
+  result.Notes = std::move(notes);
   return result;
 }
 
-HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted) {
+HexReadResult ReadHexFile(const std::string& Filename, bool& IsEncrypted, FileDigest Digest) {
   const FileBytes file = ReadRegularFile(Filename, kHexFileMaxBytes);
   HexReadResult result;
   switch (file.Problem) {
     case FileProblem::None:
       // The digest is of the very bytes the image comes from, so a record can name them.
       result = ReadHexText(file.Bytes, IsEncrypted);
-      result.FileSha256 = Sha256Hex(file.Bytes);
+      if (result.Ok() && Digest == FileDigest::Sha256) result.FileSha256 = Sha256Hex(file.Bytes);
       return result;
     case FileProblem::NotRegular:
       result.Reason = "not a regular file (" + file.Detail + ")";

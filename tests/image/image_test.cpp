@@ -20,6 +20,12 @@ const std::string A = ":0100000055AA", B = ":01000100AA54", Eof = ":00000001FF";
 const std::string Seg100 = ":020000020100FB\r\n", Seg1000 = ":020000021000EC\r\n";
 const std::string SegOther = ":03000002010000FA\r\n";
 const std::string kWorkedExample = ":02000000AABB99\r\n:0100100011DE\r\n:00000001FF\r\n";
+// Type 4 records: upper address 0x0800 (another target's memory map) and 0x0000.
+const std::string Linear800 = ":020000040800F2\r\n", Linear0 = ":020000040000FA\r\n";
+const std::string kLinearNote =
+    "extended linear address 0x0800 (type 4): its data land at their 16-bit addresses";
+const std::string kBehindEndNote =
+    "data behind the end-of-file record: they are read into the image";
 
 std::string Zeros(size_t Count) {
   return std::string(Count * 2, '0');
@@ -31,6 +37,7 @@ struct ReadCase {
   std::string ImageHex;  // the image as MakeHex gives it
   std::string Reason;    // empty for a good read
   bool Encrypted = false;
+  std::string Notes = "";  // the notes' texts, one a line
 };
 
 // clang-format off
@@ -50,9 +57,13 @@ const ReadCase kReadCases[] = {
      "line 4: record shorter than 4 bytes"},
     {"ThreeBytesWithGoodChecksum", ":0100FF", "", "line 1: record shorter than 4 bytes"},
     {"ChecksumLineNumber", A + "\r\n" + B + "\r\n:0100020077FF", "", "line 3: checksum mismatch"},
+    // The whole checksum byte counts: its lowest and its highest bit alone refuse.
+    {"ChecksumLowBit", ":0100000055AB", "", "line 1: checksum mismatch"},
+    {"ChecksumHighBit", ":01000000552A", "", "line 1: checksum mismatch"},
     // An odd count of record bytes takes the trailing blank as a byte 0x00: here the checksum.
     // Any first character is the record mark, and the end of file record ends nothing.
-    {"AnyMarkRecordsBehindEof", "X" + A.substr(1) + "\r\n" + Eof + "\r\n" + B, "55AA", ""},
+    {"AnyMarkRecordsBehindEof", "X" + A.substr(1) + "\r\n" + Eof + "\r\n" + B, "55AA", "", false,
+     "line 3: " + kBehindEndNote + "\n"},
     {"EofTrailingBlank", A + "\r\n:00000001FF ", "55", ""},
     {"ByteCountIgnored", ":0500000055A6", "55", ""},
     {"TypeIsChecksum", ":FF010000", Zeros(256), ""},
@@ -62,10 +73,19 @@ const ReadCase kReadCases[] = {
     {"SegmentReset", Seg100 + SegOther + A, "55", ""},
     {"LastIndex", Seg1000 + ":0186A0005584", Zeros(100000) + "55", ""},
     {"PastLastIndex", Seg1000 + ":0186A1005583", "", "line 2: data beyond address 100000"},
+    // An empty record stretches the image up to its address, the buffer's end at most.
+    {"EmptyRecordAtTheEnd", Seg1000 + ":0086A100D9", Zeros(100001), ""},
+    {"EmptyRecordPastTheEnd", Seg1000 + ":0086A200D8", "", "line 2: data beyond address 100000"},
     {"Marker", ":000000FF01\r\n" + A, "55", "", true},
     // Start addresses (types 3, 5) and the linear address (type 4) leave the segment's base.
     {"OtherTypesKeepTheBase", Seg100 + ":0400000300003800C1\r\n:020000040001F9\r\n"
-     ":04000005000000CD2A\r\n" + A, Zeros(0x1000) + "55", ""},
+     ":04000005000000CD2A\r\n" + A, Zeros(0x1000) + "55", "", false,
+     "line 3: extended linear address 0x0001 (type 4): its data land at their 16-bit addresses\n"},
+    // Notes name what hints at another target; only the first data record behind an end counts.
+    {"LinearAddressZeroNoNote", Linear0 + A, "55", ""},
+    {"NotesInLineOrder", Linear800 + A + "\r\n" + Eof + "\r\n" + Eof + "\r\n" + B + "\r\n" + A,
+     "55AA", "", false, "line 1: " + kLinearNote + "\nline 5: " + kBehindEndNote + "\n"},
+    {"NoNotesOnFailure", Linear800 + Eof + "\r\n:0100020077FF", "", "line 3: checksum mismatch"},
     // Only a segment record of exactly two data bytes sets the base; any other resets it.
     {"SegmentThreeDataBytes", Seg100 + ":02000002010000FB\r\n" + A, "55", ""},
     {"SegmentOneDataByte", Seg100 + ":0200000201FB\r\n" + A, "55", ""},
@@ -86,6 +106,9 @@ TEST(ReadHexText, GivesImageOrReason) {
     EXPECT_EQ(result.Reason, c.Reason);
     EXPECT_EQ(MakeHex(result.FirmwareString), c.ImageHex);
     EXPECT_EQ(encrypted, c.Encrypted);
+    std::string notes;
+    for (const HexNote& note : result.Notes) notes += HexNoteText(note) + "\n";
+    EXPECT_EQ(notes, c.Notes);
   }
   bool encrypted = true;
   ReadHexText(A, encrypted);
@@ -97,11 +120,16 @@ using testing::ReadHexFileCase;
 
 TEST_P(ReadHexFileCase, ReadsOrSaysWhyNot) {
   bool encrypted = false;
-  const HexReadResult result = ReadHexFile(GetParam().Make(), encrypted);
+  const std::string path = GetParam().Make();
+  const HexReadResult result = ReadHexFile(path, encrypted);
   EXPECT_EQ(result.Reason, GetParam().Reason);
   if (!result.Ok()) {
     EXPECT_TRUE(result.FirmwareString.empty());
   }
+  // The digest costs a pass over the file, so only a read that asks for it pays.
+  EXPECT_EQ(result.FileSha256, "");
+  EXPECT_EQ(ReadHexFile(path, encrypted, FileDigest::Sha256).FileSha256.size(),
+            result.Ok() ? 64u : 0u);
 }
 
 constexpr uintmax_t kMiB = uintmax_t{1} << 20;
