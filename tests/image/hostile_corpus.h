@@ -16,7 +16,7 @@ struct HostileFile {
 
 /// The folder of the committed files.
 inline std::filesystem::path HostileCorpusDir() {
-  return std::filesystem::path(__FILE__).parent_path() / "corpus";
+  return std::filesystem::path(PALIMBO_TESTS_DIR) / "image" / "corpus";
 }
 
 /// The rows of corpus/reasons.txt: a file name, a tab, the reason.

@@ -62,7 +62,7 @@ TEST_P(ModuleCheck, OutcomeAndTheModulesSide) {
   sim::SimulatedModule module(settings);
   testing::UploadRun run(module);
   const UploadResult result =
-      StartUpload(run.Job.Ctx, HexReadResult{image, {}, {}}, "SIM", row.Mode);
+      StartUpload(run.Job.Ctx, HexReadResult{image, {}, {}, {}}, "SIM", row.Mode);
 
   EXPECT_EQ(result.Outcome, row.Outcome) << result.Reason;
   const bool direct = row.Protocol == BootProtocol::Direct;
