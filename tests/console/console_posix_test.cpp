@@ -37,7 +37,9 @@ TEST_F(WindowTest, UploadThroughPseudoTerminalCompletes) {
   const std::unique_ptr<sim::PtyHost> Host = sim::PtyHost::Open(Device, Error);
   ASSERT_NE(Host, nullptr) << Error;
   OpenWith(*System, Wall, Boxes);
-  const QString Path = QString::fromStdString(Host->SlavePath());
+  // By a stable name with colons in it, as /dev/serial/by-path gives one.
+  const QString Path = Dir.filePath("pci-0000:00:14.0-usb-0:1.4:1.0-port0");
+  ASSERT_TRUE(QFile::link(QString::fromStdString(Host->SlavePath()), Path));
   PrepareUpload(Path);
   const std::set<QRgb> Bar = ClickWatchingBar("cmdStart");
   Host->Stop();

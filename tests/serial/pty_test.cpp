@@ -57,14 +57,6 @@ TEST_F(SerialPty, OpenSaysWhyItFailedOrTakesThePortRawAndExclusively) {
     EXPECT_EQ(Comm_oeffnen_32(*port, settings), -1) << settings;
     EXPECT_EQ(port->LastOpenError(), reason) << settings;
   }
-  // A stable name such as /dev/serial/by-path/pci-0000:00:14.0-usb-0:1.4:1.0-port0 holds colons.
-  const std::string stable = ::testing::TempDir() + "pci-0000:00:14.0-usb-0:1.4:1.0-port0";
-  ::unlink(stable.c_str());
-  ASSERT_EQ(::symlink(slave_.c_str(), stable.c_str()), 0);
-  int32_t byStableName = Comm_oeffnen_32(*port_, stable + ":57600,N,8,1");
-  EXPECT_GE(byStableName, 0) << port_->LastOpenError();
-  Comm_close_32(*port_, byStableName);
-  ::unlink(stable.c_str());
   // These opens also show that no failed open kept the port.
   const auto otherProgram = MakeSystemSerialBackend();
   for (const auto& [line, speed] : {std::pair<std::string, speed_t>{"57600,N,8,1", B57600},
