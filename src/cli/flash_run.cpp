@@ -283,6 +283,18 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
   const DisplayMode mode = Request.Json                ? DisplayMode::Json
                            : Request.Ports.size() == 1 ? DisplayMode::Single
                                                        : DisplayMode::Table;
+  // Every trace opens before the record and any port: a trace that cannot be written is a bad
+  // argument, and leaves no empty record behind.
+  std::vector<std::unique_ptr<std::ofstream>> traces(Request.Ports.size());
+  for (size_t i = 0; i < traces.size() && !Request.TraceFile.empty(); ++i) {
+    const std::string name = TraceFileName(Request, i);
+    traces[i] = std::make_unique<std::ofstream>(name, std::ios::binary | std::ios::trunc);
+    if (!*traces[i]) {
+      std::cerr << "palimbo-cli: cannot write trace file " << name << ": " << std::strerror(errno)
+                << std::endl;
+      return {kExitUsage, {}};
+    }
+  }
   std::unique_ptr<UploadRecord> record;
   if (!Request.RecordFile.empty()) {
     std::string error;
@@ -291,17 +303,6 @@ FlashReport FlashModules(const FlashRequest& Request, const BackendFactory& Make
         error);
     if (!record) {
       std::cerr << "palimbo-cli: " << error << std::endl;
-      return {kExitUsage, {}};
-    }
-  }
-  // Every trace opens before any port does: a trace that cannot be written is a bad argument.
-  std::vector<std::unique_ptr<std::ofstream>> traces(Request.Ports.size());
-  for (size_t i = 0; i < traces.size() && !Request.TraceFile.empty(); ++i) {
-    const std::string name = TraceFileName(Request, i);
-    traces[i] = std::make_unique<std::ofstream>(name, std::ios::binary | std::ios::trunc);
-    if (!*traces[i]) {
-      std::cerr << "palimbo-cli: cannot write trace file " << name << ": " << std::strerror(errno)
-                << std::endl;
       return {kExitUsage, {}};
     }
   }

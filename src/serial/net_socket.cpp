@@ -90,6 +90,17 @@ std::optional<std::vector<SocketAddress>> LookUp(const std::string& Host, const 
 
 }  // namespace
 
+std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
+                                             bool Address, std::string& Error) {
+  // The system reads "127.1" and "0x7f.1" as addresses: a name that it would read so is none.
+  std::string numeric;
+  if (!Address && !socket_os::Resolve(Host, Port, true, numeric).empty()) {
+    Error = "'" + Host + "' reads as an address, not a name";
+    return {};
+  }
+  return socket_os::Resolve(Host, Port, Address, Error);
+}
+
 std::optional<NetSocket> NetSocket::Connect(const std::string& Host, const std::string& Port,
                                             const ConnectLimits& Limits, std::string& Error) {
   const auto addresses = LookUp(Host, Port, Limits, Error);

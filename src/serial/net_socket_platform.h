@@ -4,10 +4,15 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "serial/net_socket.h"
 
 namespace palimbo::socket_os {
+
+/// The system's lookup of `Host`; with `Address` only a numeric address is taken.
+std::vector<SocketAddress> Resolve(const std::string& Host, const std::string& Port, bool Address,
+                                   std::string& Error);
 
 /// Starts a non-blocking connect to `Address`: the socket, or -1 and the reason.
 intptr_t StartConnect(const SocketAddress& Address, std::string& Error);

@@ -21,25 +21,12 @@ timespec TimespecOf(int32_t Micros) {
   return timespec{Micros / 1'000'000, static_cast<long>(Micros % 1'000'000) * 1000};
 }
 
-// Whether the system reads `Host` as a numeric address, as it does "127.1" and "0x7f.1".
-bool ReadsAsAddress(const std::string& Host) {
-  addrinfo hints{};
-  hints.ai_flags = AI_NUMERICHOST;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (::getaddrinfo(Host.c_str(), nullptr, &hints, &found) != 0) return false;
-  ::freeaddrinfo(found);
-  return true;
-}
-
 }  // namespace
 
-std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
-                                             bool Address, std::string& Error) {
-  if (!Address && ReadsAsAddress(Host)) {
-    Error = "'" + Host + "' reads as an address, not a name";
-    return {};
-  }
+namespace socket_os {
+
+std::vector<SocketAddress> Resolve(const std::string& Host, const std::string& Port, bool Address,
+                                   std::string& Error) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -58,8 +45,6 @@ std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std:
   ::freeaddrinfo(found);
   return addresses;
 }
-
-namespace socket_os {
 
 intptr_t StartConnect(const SocketAddress& Address, std::string& Error) {
   sockaddr_storage target{};

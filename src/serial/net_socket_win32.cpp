@@ -20,17 +20,6 @@ timeval TimevalOf(int32_t Micros) {
   return timeval{static_cast<long>(Micros / 1'000'000), static_cast<long>(Micros % 1'000'000)};
 }
 
-// Whether the system reads `Host` as a numeric address, as it does "127.1".
-bool ReadsAsAddress(const std::string& Host) {
-  addrinfo hints{};
-  hints.ai_flags = AI_NUMERICHOST;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (::getaddrinfo(Host.c_str(), nullptr, &hints, &found) != 0) return false;
-  ::freeaddrinfo(found);
-  return true;
-}
-
 bool StartWinsock(std::string& Error) {
   WSADATA data;
   const int started = ::WSAStartup(MAKEWORD(2, 2), &data);
@@ -40,8 +29,10 @@ bool StartWinsock(std::string& Error) {
 
 }  // namespace
 
-std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std::string& Port,
-                                             bool Address, std::string& Error) {
+namespace socket_os {
+
+std::vector<SocketAddress> Resolve(const std::string& Host, const std::string& Port, bool Address,
+                                   std::string& Error) {
   if (!StartWinsock(Error)) return {};
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -49,12 +40,9 @@ std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std:
   hints.ai_protocol = IPPROTO_TCP;
   hints.ai_flags = Address ? AI_NUMERICHOST : 0;
   addrinfo* found = nullptr;
-  const bool misread = !Address && ReadsAsAddress(Host);
-  const int status = misread ? 0 : ::getaddrinfo(Host.c_str(), Port.c_str(), &hints, &found);
+  const int status = ::getaddrinfo(Host.c_str(), Port.c_str(), &hints, &found);
   std::vector<SocketAddress> addresses;
-  if (misread) {
-    Error = "'" + Host + "' reads as an address, not a name";
-  } else if (status != 0) {
+  if (status != 0) {
     Error = SystemMessage(status);
   } else {
     for (const addrinfo* a = found; a != nullptr; a = a->ai_next) {
@@ -66,8 +54,6 @@ std::vector<SocketAddress> ResolveWithSystem(const std::string& Host, const std:
   ::WSACleanup();
   return addresses;
 }
-
-namespace socket_os {
 
 intptr_t StartConnect(const SocketAddress& Address, std::string& Error) {
   sockaddr_storage target{};
