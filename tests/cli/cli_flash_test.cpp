@@ -160,7 +160,8 @@ TEST(Flash, WhatAUserTypes) {
   };
   for (const Row& row : rows) {
     const std::string err = testing::WriteTempFile("flash.err", "");
-    std::vector<std::string> args = {PALIMBO_CLI};
+    // Without standard input, as a service may start it: a port may then be handle 0.
+    std::vector<std::string> args = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 0<&-", PALIMBO_CLI};
     args.insert(args.end(), row.Args.begin(), row.Args.end());
     Process run(args, err);
     const int status = run.Wait();
