@@ -29,7 +29,7 @@ const char* const kUsage =
 int RunDemo(const std::vector<std::string>& Args) {
   std::string protocol;
   int count = 1;
-  FlashRequest request;
+  RunRequest request;
   request.File = PALIMBO_EXAMPLE_HEX;
   CLI::App app;
   app.add_option("--protocol", protocol)->check(CLI::IsMember({"direct", "ccb"}));
@@ -62,7 +62,7 @@ int RunDemo(const std::vector<std::string>& Args) {
     request.Ports.push_back(hosts.back()->SlavePath());
   }
 
-  const FlashReport report = FlashModules(request, [] { return MakeSystemSerialBackend(); });
+  const FlashReport report = FlashModules(request, false, [] { return MakeSystemSerialBackend(); });
   for (auto& host : hosts) host->Stop();
   if (report.Modules.empty()) return report.ExitStatus;
 

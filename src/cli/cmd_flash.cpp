@@ -1,5 +1,3 @@
-#include <cctype>
-#include <filesystem>
 #include <iostream>
 
 #include "adapter/port_selection.h"
@@ -7,6 +5,7 @@
 #include "cli/command_line.h"
 #include "cli/commands.h"
 #include "cli/flash_run.h"
+#include "production/profile.h"
 #include "serial/serial_remote.h"
 
 namespace palimbo::cli {
@@ -15,6 +14,7 @@ namespace {
 
 const char* const kUsage =
     "Usage: palimbo-cli flash [--port NAME]... [--all] [OPTIONS] FILE\n"
+    "       palimbo-cli flash --profile PROFILE [--json]\n"
     "Writes the Intel HEX file FILE into the module behind the serial port, the same job as\n"
     "the window's START. With several ports every module is written at once.\n\n"
     "  --port NAME        serial port (/dev/ttyUSB0, COM5, rfc2217://HOST:PORT for a network\n"
@@ -45,6 +45,10 @@ const char* const kUsage =
     "                     per module; a port that goes away is waited for, and counts no\n"
     "                     module; exit status 0 only when every module was verified\n"
     "  --count N          with --station, stop after N modules\n"
+    "  --profile PROFILE  run the station that the JSON object in PROFILE describes, one key\n"
+    "                     a long option: file, port (a name or a list), record, trace,\n"
+    "                     expect-sha256, skip-same, verify (a checking station), count,\n"
+    "                     give-up-after; paths are taken from PROFILE's folder\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
     "FILE is read once: every module of the run gets that image, whatever happens to the file.\n"
     "The log goes to stdout, with several modules each line after its port; the progress bar\n"
@@ -55,6 +59,7 @@ const char* const kUsage =
 
 const char* const kVerifyUsage =
     "Usage: palimbo-cli verify [--port NAME]... [--all] [OPTIONS] FILE\n"
+    "       palimbo-cli verify --profile PROFILE [--json]\n"
     "Checks whether the module behind the port holds the image of the Intel HEX file FILE,\n"
     "without writing it: the entry handshake as for an upload, the module's checksum over the\n"
     "image's length against the image's own, then the reboot, so that the module runs its\n"
@@ -69,62 +74,50 @@ const char* const kVerifyUsage =
     "  --trace FILE       write every chunk to and from the port\n"
     "  --record FILE      append one JSON line per module to FILE, as flash does\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 is HEX\n"
+    "  --profile PROFILE  check module after module as the station of PROFILE, as for flash\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
     "Exit status: 0 the module holds the image (every module), 4 it holds another image,\n"
     "3 its bootloader cannot tell, 1 no module, a lost port, given up or cancelled (any\n"
     "module), 2 bad arguments or firmware file.\n";
 
-// A SHA-256 as sha256sum prints it, in either case; lower case for comparing.
-std::string Sha256Argument(const std::string& Text) {
-  std::string digest;
-  for (const char c : Text) {
-    if (!std::isxdigit(static_cast<unsigned char>(c))) break;
-    digest += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+// What flash and verify share: the ports, the file, the record, the display; `Verify` makes
+// the run a check without writing.
+// Runs the station a profile describes; `Verify` makes it a checking station. Only the way
+// the run is shown may stand beside the profile: the profile is the whole of the station.
+int RunProfile(const CLI::App& App, const std::string& Profile, bool Json, bool Verify) {
+  for (const CLI::Option* option : App.get_options()) {
+    const std::string name = option->get_name();
+    if (option->count() > 0 && name != "--profile" && name != "--json") {
+      throw UsageError(name + " beside --profile: a profile is the whole of a station (only " +
+                       "--json may stand beside it)");
+    }
   }
-  if (digest.size() != 64 || Text.size() != 64) {
-    throw UsageError("--expect-sha256 '" + Text +
-                     "' is no SHA-256: 64 hexadecimal digits, as sha256sum prints them");
+  std::string error;
+  RunRequest request = ReadProfile(Profile, error);
+  if (!error.empty()) throw UsageError(error);
+  if (Verify && request.Mode == WriteMode::UnlessSame) {
+    throw UsageError("profile " + Profile + ": 'skip-same' writes modules, and verify writes none");
   }
-  return digest;
-}
-
-// A network port's URL, and a secured port's files, are arguments like any other: a wrong one
-// is told before anything opens.
-void CheckPortArgument(const std::string& Port) {
-  if (const std::string problem = PortNameProblem(Port); !problem.empty()) {
-    throw UsageError(problem);
-  }
-}
-
-// Two jobs on one port would fight over it, and the second open fails only after the first
-// module was written: the same port named twice, also by another of its names, is refused.
-void CheckPortGivenOnce(const std::vector<std::string>& Ports, size_t Index) {
-  const auto device = [](const std::string& Name) {
-    std::error_code error;
-    const auto path = std::filesystem::canonical(Name, error);
-    return error ? Name : path.string();
-  };
-  for (size_t i = 0; i < Index; ++i) {
-    if (device(Ports[i]) != device(Ports[Index])) continue;
-    throw UsageError("--port " + Ports[Index] +
-                     (Ports[i] == Ports[Index] ? " is given twice"
-                                               : " names the same port as --port " + Ports[i]) +
-                     ": one module a port");
-  }
+  if (Verify) request.Mode = WriteMode::Never;
+  return FlashModules(request, Json, [] { return MakeSystemSerialBackend(); }).ExitStatus;
 }
 
 // What flash and verify share: the ports, the file, the record, the display; `Verify` makes
 // the run a check without writing.
 int RunModules(const std::vector<std::string>& Args, bool Verify) {
-  FlashRequest request;
+  RunRequest request;
+  std::string profile;
+  bool json = false;
   bool all = false;
   bool spin = false;
   bool skipSame = false;
   CLI::App app;
-  app.add_option("--port", request.Ports);
+  app.add_option("--profile", profile);
+  app.add_option("--port", request.Ports)->allow_extra_args(false);
   app.add_flag("--all", all);
-  app.add_option("--give-up-after", request.GiveUpAfterSeconds)->check(CLI::Range(0, 86400));
-  app.add_flag("--json", request.Json);
+  app.add_option("--give-up-after", request.GiveUpAfterSeconds)
+      ->check(CLI::Range(0, kLargestGiveUpSeconds));
+  app.add_flag("--json", json);
   app.add_option("--trace", request.TraceFile);
   app.add_flag("--spin", spin);
   app.add_option("--record", request.RecordFile);
@@ -133,30 +126,22 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
     app.add_flag("--yes", request.AssumeYes);
     app.add_flag("--skip-same", skipSame);
     auto* station = app.add_flag("--station", request.Station);
-    app.add_option("--count", request.StationCount)->check(CLI::Range(1, 1000000))->needs(station);
+    app.add_option("--count", request.StationCount)
+        ->check(CLI::Range(1, kLargestCount))
+        ->needs(station);
   }
-  app.add_option("FILE", request.File)->required();
+  app.add_option("FILE", request.File);
   if (ParseCommand(app, Args)) {
     std::cout << (Verify ? kVerifyUsage : kUsage);
     return kExitOk;
   }
+  if (!profile.empty()) return RunProfile(app, profile, json, Verify);
+  if (request.File.empty()) throw UsageError("FILE is required");
   request.Mode = Verify ? WriteMode::Never : skipSame ? WriteMode::UnlessSame : WriteMode::Always;
   request.IdleWait = !spin;
-  const int32_t giveUp = request.GiveUpAfterSeconds;
-  const int32_t shortest =
-      Verify ? kLongestHealthyCheckSilenceSeconds : kLongestHealthySilenceSeconds;
-  if (giveUp > 0 && giveUp < shortest) {
-    throw UsageError("--give-up-after " + std::to_string(giveUp) +
-                     " is shorter than a healthy module may stay silent (" +
-                     std::to_string(shortest) +
-                     " s: " + (Verify ? "the check" : "the CRC probe and two erases") +
-                     "); give at least that, or 0 for never");
-  }
   if (all && !request.Ports.empty()) throw UsageError("--all and --port exclude each other");
-  if (!request.ExpectSha256.empty()) request.ExpectSha256 = Sha256Argument(request.ExpectSha256);
-  for (size_t i = 0; i < request.Ports.size(); ++i) {
-    CheckPortArgument(request.Ports[i]);
-    CheckPortGivenOnce(request.Ports, i);
+  if (const std::string problem = RequestProblem(request, "--"); !problem.empty()) {
+    throw UsageError(problem);
   }
 
   if (request.Ports.empty()) {
@@ -180,7 +165,7 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
       return kExitFailed;
     }
   }
-  return FlashModules(request, [] { return MakeSystemSerialBackend(); }).ExitStatus;
+  return FlashModules(request, json, [] { return MakeSystemSerialBackend(); }).ExitStatus;
 }
 
 }  // namespace

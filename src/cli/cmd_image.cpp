@@ -6,7 +6,7 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/json_line.h"
+#include "production/json_line.h"
 #include "frames/crc16.h"
 #include "image/hex_file.h"
 

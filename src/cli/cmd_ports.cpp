@@ -9,7 +9,7 @@
 #include "cli/args.h"
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "cli/json_line.h"
+#include "production/json_line.h"
 
 namespace palimbo::cli {
 

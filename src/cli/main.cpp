@@ -47,16 +47,16 @@ int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   if (args.empty()) {
     PrintHelp(std::cerr);
-    return palimbo::cli::kExitUsage;
+    return palimbo::kExitUsage;
   }
   const std::string& command = args[0];
   if (command == "--help" || command == "-h" || command == "help") {
     PrintHelp(std::cout);
-    return palimbo::cli::kExitOk;
+    return palimbo::kExitOk;
   }
   if (command == "--version") {
     std::cout << "palimbo-cli " << PALIMBO_VERSION << '\n';
-    return palimbo::cli::kExitOk;
+    return palimbo::kExitOk;
   }
   for (const auto& sub : kSubcommands) {
     if (command != sub.Name) continue;
@@ -65,10 +65,10 @@ int main(int argc, char** argv) {
     } catch (const UsageError& e) {
       std::cerr << "palimbo-cli " << command << ": " << e.what() << "\n"
                 << "Try 'palimbo-cli " << command << " --help'.\n";
-      return palimbo::cli::kExitUsage;
+      return palimbo::kExitUsage;
     }
   }
   std::cerr << "palimbo-cli: unknown command '" << command << "'\n";
   PrintHelp(std::cerr);
-  return palimbo::cli::kExitUsage;
+  return palimbo::kExitUsage;
 }

@@ -14,12 +14,6 @@ bool IsTerminal(StdStream Stream);
 /// The local time of day as "HH:MM:SS", as the status list shows it.
 std::string TimeOfDay();
 
-/// The universal time as "YYYY-MM-DDTHH:MM:SSZ", for records read on other machines.
-std::string UtcTimestamp(std::time_t When);
-
-/// This machine's name on the network, empty where the system does not tell it.
-std::string HostName();
-
 /// Ctrl-C for the time of one command: the first press is counted, for the event pump to hand
 /// on as CANCEL; a second press ends the process at once with status 1, which releases every
 /// port it holds. The previous handling comes back when the object goes.

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <iostream>
 
-#include "cli/json_line.h"
 #include "cli/platform.h"
+#include "production/json_line.h"
 #include "upload/hex_text.h"
 
 namespace palimbo::cli {
@@ -19,36 +19,6 @@ constexpr auto kJsonProgressInterval = std::chrono::milliseconds(250);
 constexpr int kBarWidth = 30;
 
 }  // namespace
-
-const char* OutcomeName(UploadOutcome Outcome) {
-  switch (Outcome) {
-    case UploadOutcome::Verified:
-      return "verified";
-    case UploadOutcome::Unverified:
-      return "unverified";
-    case UploadOutcome::FileError:
-      return "file error";
-    case UploadOutcome::PortError:
-      return "port error";
-    case UploadOutcome::NoBootloader:
-      return "no bootloader";
-    case UploadOutcome::Cancelled:
-      return "cancelled";
-    case UploadOutcome::Failed:
-      return "failed";
-    case UploadOutcome::GivenUp:
-      return "given up";
-    case UploadOutcome::AlreadyCurrent:
-      return "already current";
-    case UploadOutcome::Matches:
-      return "matches";
-    case UploadOutcome::Differs:
-      return "differs";
-    case UploadOutcome::CannotTell:
-      return "cannot tell";
-  }
-  return "failed";
-}
 
 UploadDisplay::UploadDisplay(DisplayMode Mode, std::vector<std::string> Ports)
     : mode_(Mode), terminal_(Mode != DisplayMode::Json && IsTerminal(StdStream::Err)) {

@@ -7,28 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "upload/upload.h"
+#include "production/outcome.h"
 
 namespace palimbo::cli {
-
-/// What became of one module's upload.
-struct ModuleResult {
-  std::string Port;
-  std::string Protocol;  ///< "direct" or "ccb" once the entry answer told; empty before
-  size_t Bytes = 0;      ///< length of the image
-  int32_t ImageCrc = 0;  ///< the image's CRC
-  double Seconds = 0;
-  std::time_t Started = 0;  ///< when the job began, by the calendar
-  UploadResult Result{UploadOutcome::Failed, ""};
-  int ExitStatus = 1;
-  std::string PortLost;           ///< "port NAME lost: why" when the port went away under the job
-  std::string Record;             ///< with a record: "written", or "not written: " and why
-  std::string Trace;              ///< with a trace: "written", or "not written: " and why
-  std::string ServerFingerprint;  ///< SHA-256 of the server's certificate on a secured port
-};
-
-/// The outcome as the summary, the JSON results and the record name it, e.g. "given up".
-const char* OutcomeName(UploadOutcome Outcome);
 
 /// How the operator sees the uploads.
 enum class DisplayMode {

@@ -27,11 +27,16 @@
 #include "console/manuals.h"
 #include "console/message_boxes.h"
 #include "console/modStDialog.h"
+#include "console/production_panel.h"
 #include "console/progress_surface.h"
 #include "console/serial_ports.h"
 #include "console/window_icon.h"
+#include "production/production_run.h"
+#include "production/profile.h"
+#include "production/station.h"
 #include "serial/comm.h"
 #include "serial/serial_remote.h"
+#include "serial/trace_backend.h"
 #include "upload/upload.h"
 
 namespace palimbo {
@@ -45,6 +50,9 @@ constexpr char kHexFilter[] = "Intel HEX files (*.hex)|*.hex|All files (*.*)|*.*
 constexpr char kLogFilter[] = "Text files (*.txt)|*.txt|All files (*.*)|*.*";
 constexpr QColor kRedText(255, 0, 0);
 constexpr QColor kTealFace(0, 192, 192);
+// The production panel stands below everything else; the window grows downward by it.
+constexpr int kPanelTop = 5175;
+constexpr int kPanelHeight = 1500;
 
 // The layout is given in twips; at 96 dots an inch a pixel is 15 twips, and the toolkit
 // scales logical pixels for other screens.
@@ -135,6 +143,40 @@ class frmPalimbo::JobBridge final : public JobLog,
   frmPalimbo& window_;
 };
 
+// The event pump of a station's jobs: the window's events first, then the station's rules,
+// which see a CANCEL or close that those events brought.
+class frmPalimbo::StationPump final : public EventPump {
+ public:
+  StationPump(frmPalimbo& Window, ModuleJob& Job) : window_(Window), job_(Job) {}
+  void PumpEvents() override {
+    QCoreApplication::processEvents();
+    job_.AtPump(*window_.job_, window_.station_stop_);
+  }
+
+ private:
+  frmPalimbo& window_;
+  ModuleJob& job_;
+};
+
+// What a station tells the operator: its lines in the status list, its results on the panel.
+class frmPalimbo::StationView final : public StationEvents {
+ public:
+  StationView(frmPalimbo& Window, const StationTally& Tally) : window_(Window), tally_(Tally) {}
+  void Log(size_t, const std::string& Line) override { window_.Log(Text(Line)); }
+  void Note(size_t, const std::string& Line) override {
+    window_.Log(Text(Line));
+    window_.fraProduction->ShowStop(Line);
+  }
+  void Counted(size_t, int32_t Number, const ModuleResult& Result) override {
+    window_.fraProduction->ShowResult(Number, Result);
+    window_.fraProduction->ShowCounts(tally_.Counts());
+  }
+
+ private:
+  frmPalimbo& window_;
+  const StationTally& tally_;
+};
+
 frmPalimbo::frmPalimbo(ConsoleServices Services, QWidget* Parent)
     : QWidget(Parent, Qt::Window | Qt::MSWindowsFixedSizeDialogHint | Qt::WindowTitleHint |
                           Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
@@ -142,14 +184,16 @@ frmPalimbo::frmPalimbo(ConsoleServices Services, QWidget* Parent)
       services_(Services),
       bridge_(std::make_unique<JobBridge>(*this)),
       job_(std::make_unique<JobContext>(*bridge_, *bridge_, *bridge_, *bridge_, Services.Clock,
-                                        Services.Port)) {
+                                        Services.Port)),
+      production_(!Services.Profile.isEmpty()) {
   setObjectName(QStringLiteral("frmPalimbo"));
   // The window must outlive any job running inside one of its handlers.
   setAttribute(Qt::WA_DeleteOnClose, false);
   setWindowTitle(QStringLiteral("Module programmer"));
   setWindowIcon(MakeWindowIcon());
-  setFixedSize(Px(9855), Px(5175));
-  setAcceptDrops(true);
+  setFixedSize(Px(9855), Px(production_ ? kPanelTop + kPanelHeight : 5175));
+  // A station's file is the profile's: nothing dropped replaces it.
+  setAcceptDrops(!production_);
   // The layout was measured for this small face; where it is missing, a face of like width.
   QFont Default;
   Default.setFamilies(FaceWithFallbacks());
@@ -264,6 +308,11 @@ void frmPalimbo::BuildControls() {
   cmdEnglishManual->setStyleSheet(TealFace);
   cmdGermanManual->setStyleSheet(TealFace);
 
+  if (production_) {
+    fraProduction = new ProductionPanel(this);
+    fraProduction->setGeometry(Twips(120, kPanelTop, 9615, kPanelHeight - 120));
+  }
+
   MakeLine(Frame1, "Line1", 1140);
   MakeLine(Frame1, "Line2", 1620);
   MakeLine(Frame1, "Line3", 2100);
@@ -330,6 +379,8 @@ QString frmPalimbo::ReadSetting(const QString& Key, const QString& Default) cons
 }
 
 void frmPalimbo::SaveSetting(const QString& Key, const QString& Value) {
+  // The store keeps the operator's own port and file; a station's are the profile's.
+  if (production_) return;
   services_.Settings.setValue(QLatin1String(kSection) + Key, Value);
   // Each change is to be in the store at once, not when the program ends.
   services_.Settings.sync();
@@ -337,6 +388,10 @@ void frmPalimbo::SaveSetting(const QString& Key, const QString& Value) {
 
 void frmPalimbo::Form_Load() {
   job_->PortHandle = -1;
+  if (production_) {
+    ShowProfile();
+    return;
+  }
   cmbComPort->setEditText(ReadSetting(QStringLiteral("Port"), QStringLiteral("COM1")));
   txtFirmwareFile->setText(ReadSetting(QStringLiteral("File"), QString()));
 }
@@ -392,6 +447,10 @@ void frmPalimbo::cmdStart_Click() {
     // After a confirmed cancel the caption reads START before the job has returned; a
     // second job must not start inside the first.
     if (upload_running_) return;
+    if (production_) {
+      RunStation();
+      return;
+    }
     SaveSetting(QStringLiteral("Port"), cmbComPort->currentText());
     SaveSetting(QStringLiteral("File"), txtFirmwareFile->text());
     // A mistyped network port is told in the list, and no job starts for it.
@@ -404,22 +463,136 @@ void frmPalimbo::cmdStart_Click() {
     SetCaption(cmdStart, QLatin1String(kCancelCaption));
     upload_running_ = true;
     StartUpload(*job_, Bytes(txtFirmwareFile->text()), Bytes(cmbComPort->currentText()));
-    upload_running_ = false;
-    SetCaption(cmdStart, QLatin1String(kStartCaption));
-    job_->Cancel = false;
-    SetProgress(0, 1, kColorBlue, QString());
-    if (job_->QUnload) {
-      if (!unloaded_) close();
-      return;
-    }
-    SetProgress(0, 100, kColorBlue, QString());
+    FinishJob();
     return;
   }
-  if (services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle), QLatin1String(kCancelQuestion))) {
+  // A station waiting for its next module has nothing to lose: it ends at once.
+  if (StationWaiting()) {
+    SetCaption(cmdStart, QLatin1String(kStartCaption));
+    station_stop_ = true;
+  } else if (services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle),
+                                      QLatin1String(kCancelQuestion))) {
     SetCaption(cmdStart, QLatin1String(kStartCaption));
     job_->Cancel = true;
+    station_stop_ = true;
   }
   SetProgress(0, 100, kColorBlue, QString());
+}
+
+void frmPalimbo::FinishJob() {
+  upload_running_ = false;
+  SetCaption(cmdStart, QLatin1String(kStartCaption));
+  job_->Cancel = false;
+  SetProgress(0, 1, kColorBlue, QString());
+  if (job_->QUnload) {
+    if (!unloaded_) close();
+    return;
+  }
+  SetProgress(0, 100, kColorBlue, QString());
+}
+
+bool frmPalimbo::StationWaiting() const {
+  return production_ && upload_running_ && (!in_module_ || job_->Protocol.empty());
+}
+
+void frmPalimbo::ShowProfile() {
+  profile_ = ReadProfile(Bytes(services_.Profile), profile_error_);
+  if (profile_error_.empty() && profile_.Ports.size() != 1) {
+    profile_error_ = "profile " + Bytes(services_.Profile) +
+                     ": 'port': the window runs a station on one port; palimbo-cli flash "
+                     "--profile runs several";
+  }
+  // The port and the file are the profile's, and nothing the operator can change.
+  optSelectManually->setChecked(true);
+  cmbComPort->setEditText(profile_.Ports.size() == 1 ? Text(profile_.Ports.front()) : QString());
+  txtFirmwareFile->setText(Text(profile_.File));
+  txtFirmwareFile->setReadOnly(true);
+  for (QWidget* Fixed : std::initializer_list<QWidget*>{cmbComPort, optAutomatic, optSelectManually,
+                                                        cmdBrowse, cmdStartIn10}) {
+    Fixed->setEnabled(false);
+  }
+  if (!profile_error_.empty()) {
+    Log(Text(profile_error_));
+    fraProduction->ShowRefusal(profile_error_);
+    return;
+  }
+  // A first look at the release, so that the operator sees what START will write; the station
+  // reads the file again when it starts, and that read is the one it writes.
+  std::string why;
+  std::vector<std::string> warnings;
+  const RunFirmware firmware = ReadRunFirmware(profile_, why, warnings);
+  for (const std::string& warning : warnings) Log(QStringLiteral("warning: ") + Text(warning));
+  fraProduction->ShowRelease(profile_, firmware);
+  fraProduction->ShowCounts(StationTally(profile_.StationCount, profile_.Mode).Counts());
+  if (!why.empty()) {
+    Log(Text(why));
+    fraProduction->ShowRefusal(why);
+  }
+}
+
+void frmPalimbo::RunStation() {
+  job_->Cancel = false;
+  station_stop_ = false;
+  SetCaption(cmdStart, QLatin1String(kCancelCaption));
+  upload_running_ = true;
+  ProductionRun::Opening opening;
+  opening.Error = profile_error_;
+  if (opening.Error.empty()) opening = ProductionRun::Open(profile_);
+  for (const std::string& warning : opening.Warnings) {
+    Log(QStringLiteral("warning: ") + Text(warning));
+  }
+  if (opening.Run) {
+    DriveStation(*opening.Run);
+  } else {
+    Log(Text(opening.Error));
+    fraProduction->ShowRefusal(opening.Error);
+  }
+  FinishJob();
+}
+
+void frmPalimbo::DriveStation(ProductionRun& Run) {
+  fraProduction->ShowRelease(Run.Request(), Run.Firmware());
+  fraProduction->ShowCounts(Run.Tally().Counts());
+  Log(Text(Run.Description()));
+  SerialBackend* Port = &services_.Port;
+  std::unique_ptr<TraceBackend> Traced;
+  if (std::ostream* Trace = Run.Trace(0)) {
+    Traced = std::make_unique<TraceBackend>(services_.Port, services_.Clock, *Trace);
+    Port = Traced.get();
+  }
+  ModuleJob Module(Run, 0);
+  StationPump Pump(*this, Module);
+  // The station's context stands in for the window's while the station runs, so that CANCEL
+  // and the close box reach its jobs as they reach an upload.
+  std::unique_ptr<JobContext> Own = std::exchange(
+      job_,
+      std::make_unique<JobContext>(*bridge_, *bridge_, Pump, *bridge_, services_.Clock, *Port));
+  const std::string Name = Run.Request().Ports.front();
+  const auto Stopping = [this] { return station_stop_ || job_->QUnload; };
+  StationPlace Place;
+  Place.Port = Name;
+  Place.RunOne = [&] {
+    in_module_ = true;
+    ModuleResult Result = Module.Run(*job_, Traced.get());
+    in_module_ = false;
+    return Result;
+  };
+  Place.ProbePort = [&] { return ProbePort(*Port, Name, Stopping); };
+  Place.Stopping = Stopping;
+  Place.StopStation = [this] { station_stop_ = true; };
+  Place.Pause = [&] {
+    // A second between two looks for the port, with the window alive meanwhile.
+    for (int Step = 0; Step < 10 && !Stopping(); ++Step) {
+      services_.Clock.Sleep(100);
+      QCoreApplication::processEvents();
+    }
+  };
+  StationView View(*this, Run.Tally());
+  RunStationPort(Place, Run.Tally(), View, Run.Record());
+  Log(Text(Run.Tally().Summary()));
+  Own->QUnload = job_->QUnload;
+  Own->Cancel = job_->Cancel;
+  job_ = std::move(Own);
 }
 
 void frmPalimbo::cmdStartIn10_Click() {
@@ -436,9 +609,12 @@ void frmPalimbo::cmdStartIn10_Click() {
 
 void frmPalimbo::Form_QueryUnload(int& Cancel, int /*UnloadMode*/) {
   if (cmdStart->text() == QLatin1String(kCancelCaption)) {
-    if (services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle), QLatin1String(kCancelQuestion))) {
-      job_->Cancel = true;
+    // A station waiting for its next module ends at once, and the window closes behind it.
+    if (StationWaiting() ||
+        services_.Boxes.AskYesNo(this, QLatin1String(kAppTitle), QLatin1String(kCancelQuestion))) {
+      job_->Cancel = !StationWaiting();
       job_->QUnload = true;
+      station_stop_ = true;
     }
     Cancel = 1;
     return;
@@ -526,6 +702,7 @@ void frmPalimbo::dragEnterEvent(QDragEnterEvent* Event) {
 }
 
 void frmPalimbo::dropEvent(QDropEvent* Event) {
+  if (production_) return;
   const QList<QUrl> Urls = Event->mimeData()->urls();
   if (Urls.isEmpty() || !Urls.first().isLocalFile()) return;
   txtFirmwareFile->setText(QDir::toNativeSeparators(Urls.first().toLocalFile()));

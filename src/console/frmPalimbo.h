@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "production/run_request.h"
 #include "upload/job_context.h"
 
 class QCheckBox;
@@ -24,6 +25,8 @@ namespace palimbo {
 
 class AdapterScanner;
 class MessageBoxes;
+class ProductionPanel;
+class ProductionRun;
 class ProgressSurface;
 
 /// The application title: the settings store's name and the cancel question's title.
@@ -42,6 +45,8 @@ struct ConsoleServices {
   palimbo::Clock& Clock;             ///< the upload's clock and the count's sleep
   QSettings& Settings;               ///< the store of "Port" and "File", section "Settings"
   palimbo::MessageBoxes& Boxes;      ///< every modal box the window shows
+  /// The station profile of production mode; empty for the operator's own window.
+  QString Profile = {};
 };
 
 /// The system's time format with seconds and without a time zone, for the status list's stamp.
@@ -63,6 +68,8 @@ class frmPalimbo final : public QWidget {
   JobContext& Job() { return *job_; }
   /// True while `StartUpload` has not returned, also after a confirmed cancel.
   bool UploadRunning() const { return upload_running_; }
+  /// True when the window runs the station of a profile instead of single uploads.
+  bool ProductionMode() const { return production_; }
 
   /// Adds a time-stamped line to `lstStatus`; the selection follows it when it stood on the
   /// last line or nowhere. Pumps no events.
@@ -101,18 +108,31 @@ class frmPalimbo final : public QWidget {
 
  private:
   class JobBridge;
+  class StationPump;
+  class StationView;
 
   void BuildControls();
   void ConnectHandlers();
   QString ReadSetting(const QString& Key, const QString& Default) const;
   void SaveSetting(const QString& Key, const QString& Text);
   void ShowStatusMenu(const QPoint& Position);
+  void FinishJob();
+  void ShowProfile();
+  void RunStation();
+  void DriveStation(ProductionRun& Run);
+  /// A station runs and waits for its next module (or for its port): nothing to cancel.
+  bool StationWaiting() const;
 
   ConsoleServices services_;
   std::unique_ptr<JobBridge> bridge_;
   std::unique_ptr<JobContext> job_;
   bool upload_running_ = false;
   bool unloaded_ = false;
+  bool production_ = false;
+  RunRequest profile_;
+  std::string profile_error_;  // why the profile cannot run at all
+  bool station_stop_ = false;  // the operator or the window's close ended the station
+  bool in_module_ = false;     // a station's job runs, not its wait for the port
 
   QGroupBox* Frame1 = nullptr;
   QLabel* Label1 = nullptr;
@@ -138,6 +158,7 @@ class frmPalimbo final : public QWidget {
   QPushButton* cmdGermanManual = nullptr;
   QTimer* TimerRefreshPort = nullptr;
   QMenu* mnuStatus = nullptr;
+  ProductionPanel* fraProduction = nullptr;
 };
 
 }  // namespace palimbo

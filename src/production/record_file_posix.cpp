@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
-#include "cli/record_file.h"
+#include "production/record_file.h"
 
-namespace palimbo::cli {
+namespace palimbo {
 
 namespace {
 
@@ -99,4 +99,4 @@ std::unique_ptr<RecordFile> RecordFile::Open(const std::string& Path, std::strin
   return std::make_unique<PosixRecordFile>(fd, Path);
 }
 
-}  // namespace palimbo::cli
+}  // namespace palimbo

@@ -1,9 +1,9 @@
 #include <windows.h>
 
-#include "cli/record_file.h"
+#include "production/record_file.h"
 #include "serial/system_message.h"
 
-namespace palimbo::cli {
+namespace palimbo {
 
 namespace {
 
@@ -96,4 +96,4 @@ std::unique_ptr<RecordFile> RecordFile::Open(const std::string& Path, std::strin
   return std::make_unique<Win32RecordFile>(file, Path);
 }
 
-}  // namespace palimbo::cli
+}  // namespace palimbo

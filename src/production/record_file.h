@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-namespace palimbo::cli {
+namespace palimbo {
 
 /// A file of lines that several programs append to at once, such as the stations of one line
 /// sharing their record. Each line goes in whole or not at all, and starts on a line of its own.
@@ -20,4 +20,4 @@ class RecordFile {
   virtual bool Append(const std::string& Line, std::string& Error) = 0;
 };
 
-}  // namespace palimbo::cli
+}  // namespace palimbo

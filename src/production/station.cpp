@@ -1,11 +1,10 @@
-#include "cli/station.h"
+#include "production/station.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <string_view>
 
-#include "cli/commands.h"
-#include "cli/flash_run.h"
-
-namespace palimbo::cli {
+namespace palimbo {
 
 bool StationTally::Claim() {
   const std::lock_guard guard(lock_);
@@ -24,13 +23,18 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
   results_.push_back(Result);
   switch (Result.Result.Outcome) {
     case UploadOutcome::Verified:
-      ++verified_;
+    case UploadOutcome::Matches:
+      ++good_;
       break;
     case UploadOutcome::AlreadyCurrent:
       ++current_;
       break;
     case UploadOutcome::Unverified:
-      ++unverified_;
+    case UploadOutcome::Differs:
+      ++unsure_;
+      break;
+    case UploadOutcome::CannotTell:
+      ++cannot_tell_;
       break;
     default:
       ++failed_;
@@ -44,13 +48,23 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
   if (ExitStatusOf(Result.Result.Outcome) != kExitOk && !Result.Result.Reason.empty()) {
     line += " (" + Result.Result.Reason + ")";
   }
-  return {number, line + "; " + Counts()};
+  return {number, line + "; " + CountsLocked()};
 }
 
 std::string StationTally::Counts() const {
-  return std::to_string(verified_) + " verified, " +
-         (count_current_ ? std::to_string(current_) + " already current, " : std::string()) +
-         std::to_string(unverified_) + " unverified, " + std::to_string(failed_) + " failed";
+  const std::lock_guard guard(lock_);
+  return CountsLocked();
+}
+
+std::string StationTally::CountsLocked() const {
+  const auto n = [](int32_t Count) { return std::to_string(Count); };
+  if (mode_ == WriteMode::Never) {
+    return n(good_) + " matching, " + n(unsure_) + " differing, " + n(cannot_tell_) +
+           " cannot tell, " + n(failed_) + " failed";
+  }
+  return n(good_) + " verified, " +
+         (mode_ == WriteMode::UnlessSame ? n(current_) + " already current, " : std::string()) +
+         n(unsure_) + " unverified, " + n(failed_) + " failed";
 }
 
 void StationTally::Settle(int32_t Number, const ModuleResult& Result) {
@@ -65,17 +79,36 @@ void StationTally::NoteFault() {
 
 std::string StationTally::Summary() const {
   const std::lock_guard guard(lock_);
-  return "station: " + std::to_string(results_.size()) + " modules, " + Counts();
+  return "station: " + std::to_string(results_.size()) + " modules, " + CountsLocked();
 }
 
 int StationTally::ExitStatus() const {
   const std::lock_guard guard(lock_);
-  return !results_.empty() && unverified_ == 0 && failed_ == 0 && !fault_ ? kExitOk : kExitFailed;
+  const bool allWell = std::all_of(results_.begin(), results_.end(),
+                                   [](const ModuleResult& m) { return m.ExitStatus == kExitOk; });
+  return !results_.empty() && allWell && !fault_ ? kExitOk : kExitFailed;
 }
 
 std::vector<ModuleResult> StationTally::Results() const {
   const std::lock_guard guard(lock_);
   return results_;
+}
+
+std::string SettleOutputs(ModuleResult& Result, UploadRecord* Record, int32_t Module) {
+  static constexpr std::string_view kNotWritten = "not written: ";
+  std::string error;
+  if (Result.Trace.starts_with(kNotWritten)) {
+    error = Result.Trace.substr(kNotWritten.size());
+    Result.ExitStatus = kExitFailed;
+  }
+  if (Record != nullptr) {
+    std::string why;
+    Result.Record =
+        Record->Append(Result, Module, why) ? "written" : std::string(kNotWritten) + why;
+    if (error.empty()) error = why;
+  }
+  if (!error.empty()) Result.ExitStatus = kExitFailed;
+  return error;
 }
 
 namespace {
@@ -91,8 +124,8 @@ bool AwaitPort(const StationPlace& Place) {
 
 }  // namespace
 
-void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDisplay& Display,
-                    UploadRecord* Record, bool Json) {
+void RunStationPort(const StationPlace& Place, StationTally& Tally, StationEvents& Events,
+                    UploadRecord* Record) {
   bool opened = false;
   while (!Place.Stopping() && Tally.Claim()) {
     ModuleResult result = Place.RunOne();
@@ -103,7 +136,7 @@ void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDispla
       Tally.Release();
       if (outcome == UploadOutcome::PortError && !opened) {
         // Nothing to wait for behind a port that never opened: this place is over.
-        Display.Note(Place.Index, result.Result.Reason);
+        Events.Note(Place.Index, result.Result.Reason);
         Tally.NoteFault();
         return;
       }
@@ -112,10 +145,10 @@ void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDispla
       const auto [number, line] = Tally.Count(result);
       const std::string error = SettleOutputs(result, Record, number);
       Tally.Settle(number, result);
-      Display.Log(Place.Index, line);
-      if (Json) Display.Finish({result});
+      Events.Log(Place.Index, line);
+      Events.Counted(Place.Index, number, result);
       if (!error.empty()) {
-        Display.Note(Place.Index, error + "; the station stops");
+        Events.Note(Place.Index, error + "; the station stops");
         Tally.NoteFault();
         Place.StopStation();
         return;
@@ -124,11 +157,11 @@ void RunStationPort(const StationPlace& Place, StationTally& Tally, UploadDispla
     opened = true;
     if (lost) {
       const std::string& why = result.PortLost.empty() ? result.Result.Reason : result.PortLost;
-      Display.Log(Place.Index, why + "; waiting for the port to come back");
+      Events.Log(Place.Index, why + "; waiting for the port to come back");
       if (!AwaitPort(Place)) return;
-      Display.Log(Place.Index, "port " + Place.Port + " is back; waiting for the next module");
+      Events.Log(Place.Index, "port " + Place.Port + " is back; waiting for the next module");
     }
   }
 }
 
-}  // namespace palimbo::cli
+}  // namespace palimbo

@@ -5,10 +5,10 @@
 #include <mutex>
 #include <string>
 
-#include "cli/record_file.h"
-#include "cli/upload_display.h"
+#include "production/outcome.h"
+#include "production/record_file.h"
 
-namespace palimbo::cli {
+namespace palimbo {
 
 /// What a record says of the firmware of a run: the file as named, its image's length and CRC,
 /// and the SHA-256 of the file's bytes, all from the run's one read of the file.
@@ -43,4 +43,4 @@ class UploadRecord {
   std::string host_;
 };
 
-}  // namespace palimbo::cli
+}  // namespace palimbo

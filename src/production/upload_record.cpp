@@ -1,10 +1,10 @@
-#include "cli/upload_record.h"
+#include "production/upload_record.h"
 
-#include "cli/json_line.h"
-#include "cli/platform.h"
+#include "production/host.h"
+#include "production/json_line.h"
 #include "upload/hex_text.h"
 
-namespace palimbo::cli {
+namespace palimbo {
 
 std::unique_ptr<UploadRecord> UploadRecord::Open(const std::string& Path, RecordedFirmware Firmware,
                                                  std::string& Error) {
@@ -51,4 +51,4 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
   return true;
 }
 
-}  // namespace palimbo::cli
+}  // namespace palimbo
