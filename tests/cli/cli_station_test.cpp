@@ -247,5 +247,67 @@ TEST(Record, ALineThatIsNotWrittenFailsTheRun) {
       << ReadAll(testing::TestFolder() / "cut.err");
 }
 
+// A profile runs the station its options would: the same record lines, the same ending; and it
+// is the whole of a station.
+TEST(Station, AProfileRunsAsItsOptionsWould) {
+  const std::string file = WriteTempFile("fw.hex", testing::HexOf(testing::TestImage(200)));
+  Process modules({PALIMBO_CLI, "simulate", "--count", "3", "--replace-after-ms", "300"},
+                  WriteTempFile("simulate.err", ""));
+  const std::vector<std::string> ports = modules.Lines(10000);
+  ASSERT_EQ(ports.size(), 3u);
+  const std::string byOptions = WriteTempFile("options.jsonl", "");
+  Process options({PALIMBO_CLI, "flash", "--station", "--count", "2", "--skip-same", "--record",
+                   byOptions, "--expect-sha256", Sha256Of(file), "--port", ports[0], file},
+                  WriteTempFile("options.err", ""));
+  const auto profile = [&](const std::string& Name, const std::string& Port,
+                           const std::string& Keys) {
+    return WriteTempFile(Name, R"({"file": "fw.hex", "port": ")" + Port + R"(", )" + Keys + "}");
+  };
+  const std::string station = profile("station.json", ports[1],
+                                      R"("count": 2, "skip-same": true, "record": "profile.jsonl",
+                                         "expect-sha256": ")" +
+                                          Sha256Of(file) + R"(")");
+  Process byProfile({PALIMBO_CLI, "flash", "--profile", station}, WriteTempFile("profile.err", ""));
+  Process check({PALIMBO_CLI, "verify", "--profile",
+                 profile("check.json", ports[2], R"("count": 1, "record": "check.jsonl")")},
+                WriteTempFile("check.err", ""));
+  EXPECT_EQ(options.Wait(), 0) << options.Output;
+  EXPECT_EQ(byProfile.Wait(), 0) << byProfile.Output;
+  EXPECT_NE(byProfile.Output.find("station: 2 modules, 2 verified, 0 already current"),
+            std::string::npos)
+      << byProfile.Output;
+  // A fresh module holds nothing: the checking station tells it and fails.
+  EXPECT_EQ(check.Wait(), 1) << check.Output;
+  EXPECT_NE(check.Output.find("station: 1 modules, 0 matching, 1 differing, 0 cannot tell"),
+            std::string::npos)
+      << check.Output;
+
+  const std::vector<std::string> expected = Lines(byOptions),
+                                 got = Lines(testing::TestFolder() / "profile.jsonl");
+  ASSERT_EQ(got.size(), 2u);
+  ASSERT_EQ(expected.size(), 2u);
+  for (size_t i = 0; i < got.size(); ++i) {
+    auto line = nlohmann::json::parse(got[i]), want = nlohmann::json::parse(expected[i]);
+    for (auto* l : {&line, &want}) {
+      for (const char* varies : {"time", "seconds", "port"}) l->erase(varies);
+    }
+    EXPECT_EQ(line, want);
+  }
+  const std::string check2 = (testing::TestFolder() / "check.jsonl").string();
+  EXPECT_NE(ReadAll(check2).find(R"("outcome":"differs")"), std::string::npos) << ReadAll(check2);
+
+  const std::pair<std::vector<std::string>, std::string> refusals[] = {
+      {{"flash", "--profile", station, "--port", ports[0]}, "--port beside --profile"},
+      {{"verify", "--profile", station}, "'skip-same' writes modules, and verify writes none"}};
+  for (const auto& [args, message] : refusals) {
+    std::vector<std::string> command{PALIMBO_CLI};
+    command.insert(command.end(), args.begin(), args.end());
+    const std::string err = WriteTempFile("refused.err", "");
+    Process refused(command, err);
+    EXPECT_EQ(refused.Wait(), 2);
+    EXPECT_NE(ReadAll(err).find(message), std::string::npos) << ReadAll(err);
+  }
+}
+
 }  // namespace
 }  // namespace palimbo
