@@ -6,9 +6,9 @@
 
 #include "cli/command_line.h"
 #include "cli/commands.h"
-#include "production/json_line.h"
 #include "frames/crc16.h"
 #include "image/hex_file.h"
+#include "production/json_line.h"
 
 namespace palimbo::cli {
 
