@@ -1,7 +1,10 @@
 // Renders the window halfway through an upload of the example firmware to a simulated module
 // and saves it as a PNG, for the documentation:  window_screenshot docs/window.png
+// With --station, the window of a production station, halfway through its third module:
+// window_screenshot --station docs/window-station.png
 
 #include <QApplication>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -32,11 +35,12 @@ class DemoScanner final : public palimbo::AdapterScanner {
 
 int main(int argc, char* argv[]) {
   QApplication App(argc, argv);
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: window_screenshot OUTPUT.png\n");
+  const bool Station = argc == 3 && QByteArray(argv[1]) == "--station";
+  if (argc != 2 && !Station) {
+    std::fprintf(stderr, "usage: window_screenshot [--station] OUTPUT.png\n");
     return 2;
   }
-  const QString Output = QFileInfo(QString::fromLocal8Bit(argv[1])).absoluteFilePath();
+  const QString Output = QFileInfo(QString::fromLocal8Bit(argv[argc - 1])).absoluteFilePath();
 
   // The picture shows the file by its name alone, not a path of the machine it was made on.
   QTemporaryDir Store;
@@ -50,20 +54,40 @@ int main(int argc, char* argv[]) {
 
   DemoScanner Scanner;
   palimbo::sim::VirtualClock Clock;
-  palimbo::sim::SimulatedModule Module;
+  palimbo::sim::ModuleSettings Modules;
+  // At a station a fresh module takes the place of each rebooted one.
+  Modules.ReplaceAfterRebootMicros = Station ? 2'000'000 : -1;
+  palimbo::sim::SimulatedModule Module(Modules);
   palimbo::sim::SimLine Line(Clock, Module, "COM3");
   palimbo::QtMessageBoxes Boxes;
-  palimbo::frmPalimbo Window({Scanner, Line, Clock, Settings, Boxes});
+  QString Profile;
+  if (Station) {
+    QFile File(PALIMBO_EXAMPLE_HEX);
+    File.open(QIODevice::ReadOnly);
+    const QByteArray Sha = QCryptographicHash::hash(File.readAll(), QCryptographicHash::Sha256);
+    Profile = QStringLiteral("station.json");
+    QFile Written(Store.filePath(Profile));
+    Written.open(QIODevice::WriteOnly);
+    Written.write(R"({"file": "example.hex", "port": "COM3", "record": "shift.jsonl", "count": 3,)"
+                  R"( "expect-sha256": ")" +
+                  Sha.toHex() + "\"}");
+  }
+  palimbo::frmPalimbo Window({Scanner, Line, Clock, Settings, Boxes, Profile});
   Window.show();
   Window.TimerRefreshPort_Timer();
 
-  // Halfway through the pages the window is grabbed; the upload then runs to its end.
+  // Halfway through the pages (of the last module at a station) the window is grabbed; the
+  // upload then runs to its end.
   const int HalfPages = static_cast<int>(Image.size() / 256 / 2);
+  const int Earlier = Station ? 2 : 0;
+  int Before = -1;  // pages of the modules before the one in the picture
   bool Saved = false;
   QTimer Watch;
   Watch.setInterval(0);
   QObject::connect(&Watch, &QTimer::timeout, [&] {
-    if (Saved || Module.CountOf(palimbo::sim::kCmdPage) < HalfPages) return;
+    if (Module.ReplacedCount() < Earlier) return;
+    if (Before < 0) Before = Module.CountOf(palimbo::sim::kCmdPage);
+    if (Saved || Module.CountOf(palimbo::sim::kCmdPage) - Before < HalfPages) return;
     // The tick the operator would see once a second during the upload.
     Window.TimerRefreshPort_Timer();
     Saved = Window.grab().save(Output);
@@ -72,7 +96,7 @@ int main(int argc, char* argv[]) {
   Watch.start();
   Window.cmdStart_Click();
   if (!Saved) {
-    std::fprintf(stderr, "could not write %s\n", argv[1]);
+    std::fprintf(stderr, "could not write %s\n", argv[argc - 1]);
     return 1;
   }
   return 0;

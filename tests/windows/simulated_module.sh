@@ -37,3 +37,15 @@ check_flash() {
   cmp -n "$length" "$work/image.bin" "$work/$name.flash" ||
     { echo "$name: the module's flash differs from the image" >&2; return 1; }
 }
+
+# The window of the program $1 (the caption never changes), once it shows.
+wait_window() {
+  local pid=$1 wid
+  for _ in $(seq 300); do
+    wid=$(xdotool search --onlyvisible --name '^Module programmer$' 2>/dev/null | head -n1)
+    [[ -n $wid ]] && { echo "$wid"; return 0; }
+    kill -0 "$pid" 2>/dev/null || return 1
+    sleep 0.2
+  done
+  return 1
+}

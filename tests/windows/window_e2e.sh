@@ -64,17 +64,6 @@ copy_log() {
   sed -e 's/\r$//' -e 's/^[^\t]*\t//' -e "s|^$port opened\.|PORT opened.|" <<<"$text"
 }
 
-wait_window() {  # the window of the program $1, once it shows
-  local pid=$1 wid
-  for _ in $(seq 300); do
-    wid=$(xdotool search --onlyvisible --name '^Module programmer$' 2>/dev/null | head -n1)
-    [[ -n $wid ]] && { echo "$wid"; return 0; }
-    kill -0 "$pid" 2>/dev/null || return 1
-    sleep 0.2
-  done
-  return 1
-}
-
 "$linux_cli" hex2bin "$hex" "$work/image.bin"
 
 # Windows: the store holds the file as the operator left it last time, and a port that the
