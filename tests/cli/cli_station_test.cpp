@@ -256,6 +256,9 @@ TEST(Station, AProfileRunsAsItsOptionsWould) {
   const std::vector<std::string> ports = modules.Lines(10000);
   ASSERT_EQ(ports.size(), 3u);
   const std::string byOptions = WriteTempFile("options.jsonl", "");
+  // The profiles' records, beside them and empty at the start.
+  const std::string byProfile = WriteTempFile("profile.jsonl", ""),
+                    checked = WriteTempFile("check.jsonl", "");
   Process options({PALIMBO_CLI, "flash", "--station", "--count", "2", "--skip-same", "--record",
                    byOptions, "--expect-sha256", Sha256Of(file), "--port", ports[0], file},
                   WriteTempFile("options.err", ""));
@@ -267,23 +270,22 @@ TEST(Station, AProfileRunsAsItsOptionsWould) {
                                       R"("count": 2, "skip-same": true, "record": "profile.jsonl",
                                          "expect-sha256": ")" +
                                           Sha256Of(file) + R"(")");
-  Process byProfile({PALIMBO_CLI, "flash", "--profile", station}, WriteTempFile("profile.err", ""));
+  Process profiled({PALIMBO_CLI, "flash", "--profile", station}, WriteTempFile("profile.err", ""));
   Process check({PALIMBO_CLI, "verify", "--profile",
                  profile("check.json", ports[2], R"("count": 1, "record": "check.jsonl")")},
                 WriteTempFile("check.err", ""));
   EXPECT_EQ(options.Wait(), 0) << options.Output;
-  EXPECT_EQ(byProfile.Wait(), 0) << byProfile.Output;
-  EXPECT_NE(byProfile.Output.find("station: 2 modules, 2 verified, 0 already current"),
+  EXPECT_EQ(profiled.Wait(), 0) << profiled.Output;
+  EXPECT_NE(profiled.Output.find("station: 2 modules, 2 verified, 0 already current"),
             std::string::npos)
-      << byProfile.Output;
+      << profiled.Output;
   // A fresh module holds nothing: the checking station tells it and fails.
   EXPECT_EQ(check.Wait(), 1) << check.Output;
   EXPECT_NE(check.Output.find("station: 1 modules, 0 matching, 1 differing, 0 cannot tell"),
             std::string::npos)
       << check.Output;
 
-  const std::vector<std::string> expected = Lines(byOptions),
-                                 got = Lines(testing::TestFolder() / "profile.jsonl");
+  const std::vector<std::string> expected = Lines(byOptions), got = Lines(byProfile);
   ASSERT_EQ(got.size(), 2u);
   ASSERT_EQ(expected.size(), 2u);
   for (size_t i = 0; i < got.size(); ++i) {
@@ -293,8 +295,7 @@ TEST(Station, AProfileRunsAsItsOptionsWould) {
     }
     EXPECT_EQ(line, want);
   }
-  const std::string check2 = (testing::TestFolder() / "check.jsonl").string();
-  EXPECT_NE(ReadAll(check2).find(R"("outcome":"differs")"), std::string::npos) << ReadAll(check2);
+  EXPECT_NE(ReadAll(checked).find(R"("outcome":"differs")"), std::string::npos) << ReadAll(checked);
 
   const std::pair<std::vector<std::string>, std::string> refusals[] = {
       {{"flash", "--profile", station, "--port", ports[0]}, "--port beside --profile"},

@@ -55,7 +55,8 @@ TEST_F(StationTest, ThreeModulesFromOneStartAndTheRecordOfEach) {
                   .arg(Sha().toUpper()),
               StationLine);
   EXPECT_EQ(Find<QComboBox>("cmbComPort")->currentText(), "SIM");
-  EXPECT_EQ(Find<QLineEdit>("txtFirmwareFile")->text(), Dir.filePath("firmware.hex"));
+  EXPECT_EQ(QDir::fromNativeSeparators(Find<QLineEdit>("txtFirmwareFile")->text()),
+            Dir.filePath("firmware.hex"));
   for (const char* Fixed : {"cmbComPort", "optAutomatic", "optSelectManually", "cmdBrowse"}) {
     EXPECT_FALSE(Find(Fixed)->isEnabled()) << Fixed;
   }
