@@ -7,7 +7,6 @@
 // entry. The milliseconds from START to that line go to stderr.
 
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QApplication>
@@ -24,39 +23,11 @@
 #include "console/message_boxes.h"
 #include "serial/clock.h"
 #include "serial/serial_backend.h"
+#include "support/process.h"
 
 namespace {
 
 constexpr char kEntered[] = "Entered bootloader mode successfully.";
-
-// Starts `Args` with its stdout on a pipe; gives the read end and sets `Child`.
-FILE* Spawn(const std::vector<std::string>& Args, pid_t& Child) {
-  int out[2];
-  if (pipe(out) != 0) return nullptr;
-  Child = fork();
-  if (Child == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    close(out[0]);
-    std::vector<char*> argv;
-    for (const auto& a : Args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  return fdopen(out[0], "r");
-}
-
-// Reads lines of `From` until one holds `Text`; false at its end.
-bool ReadUntil(FILE* From, const char* Text, std::string* Line = nullptr) {
-  char buffer[4096];
-  while (std::fgets(buffer, sizeof buffer, From) != nullptr) {
-    if (std::string(buffer).find(Text) == std::string::npos) continue;
-    if (Line != nullptr) *Line = buffer;
-    return true;
-  }
-  return false;
-}
 
 class DemoScanner final : public palimbo::AdapterScanner {
  public:
@@ -72,11 +43,9 @@ int main(int argc, char* argv[]) {
   }
   const bool window = std::string(argv[1]) == "window";
   const std::string cli = argv[2];
-  pid_t module = 0;
-  FILE* modulePort = Spawn({cli, "simulate"}, module);
-  std::string port;
-  if (modulePort == nullptr || !ReadUntil(modulePort, "/dev/", &port)) return 1;
-  port.erase(port.find_last_not_of("\r\n") + 1);
+  palimbo::testing::Process module({cli, "simulate"}, "/dev/null");
+  const std::string port = module.FirstLine(10000);
+  if (port.empty()) return 1;
 
   QApplication App(argc, argv);
   QTemporaryDir Line;
@@ -102,16 +71,13 @@ int main(int argc, char* argv[]) {
     std::fprintf(stderr, "%s: %.1f ms from START to the entry\n", argv[1],
                  std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                      .count());
-    kill(module, SIGKILL);
-    waitpid(module, nullptr, 0);
+    module.Signal(SIGKILL);
   };
   if (!window) {
-    pid_t flash = 0;
-    FILE* log = Spawn({cli, "flash", "--profile", Profile.toStdString()}, flash);
-    const bool entered = log != nullptr && ReadUntil(log, kEntered);
+    palimbo::testing::Process flash({cli, "flash", "--profile", Profile.toStdString()},
+                                    "/dev/null");
+    const bool entered = flash.WaitForText(kEntered, 60000);
     report();
-    kill(flash, SIGKILL);
-    waitpid(flash, nullptr, 0);
     return entered ? 0 : 1;
   }
   // The window's list is looked at from its own event pump, which the job runs at its waits.

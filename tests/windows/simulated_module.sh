@@ -49,3 +49,15 @@ wait_window() {
   done
   return 1
 }
+
+# Closes the window $1 of the program $2 as an operator does, and waits for the program's end.
+close_window() {
+  local wid=$1 program=$2
+  xdotool key --window "$wid" alt+F4 2>/dev/null || true
+  for _ in $(seq 100); do
+    kill -0 "$program" 2>/dev/null || break
+    sleep 0.2
+  done
+  kill -TERM "$program" 2>/dev/null || true
+  wait "$program" 2>/dev/null || true
+}

@@ -88,13 +88,7 @@ upload_through "$wid" Windows
 [[ -z $shot ]] || import -window "$wid" "$shot"
 copy_log "$wid" "$com" >"$work/windows.log"
 # Closed as an operator closes it; the Linux window must not find this one still standing.
-xdotool key --window "$wid" alt+F4 2>/dev/null || true
-for _ in $(seq 100); do
-  kill -0 "$window" 2>/dev/null || break
-  sleep 0.2
-done
-kill -TERM "$window" 2>/dev/null || true
-wait "$window" 2>/dev/null || true
+close_window "$wid" "$window"
 check_flash windows
 
 # Linux: the same with its own store and the pseudo-terminal's name.

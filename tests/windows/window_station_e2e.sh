@@ -19,33 +19,28 @@ source "$here/simulated_module.sh"
 start_module station --replace-after-ms 1500
 ln -sfn "$pts" "$WINEPREFIX/dosdevices/${com,,}"
 
-# The line's folder: the release, the profile and the record beside each other.
-mkdir "$work/line"
-cp "$hex" "$work/line/firmware.hex"
+# The line's folder on the station's drive C: the release, the profile and the record.
+line=$WINEPREFIX/drive_c/Line3
+mkdir -p "$line"
+cp "$hex" "$line/firmware.hex"
 sha=$(sha256sum "$hex" | cut -d' ' -f1)
 printf '{"file": "firmware.hex", "port": "%s", "record": "shift.jsonl", "count": %d,\n "expect-sha256": "%s"}\n' \
-  "$com" "$modules" "$sha" >"$work/line/station.json"
-profile="Z:$(printf '%s' "$work/line/station.json" | tr / '\\')"
+  "$com" "$modules" "$sha" >"$line/station.json"
+profile='C:\Line3\station.json'
 setsid bash "$here/wine_guard.sh" 300 1500 "$win_exe" --profile "$profile" >"$work/window.out" 2>&1 &
 window=$!
 pids+=("$window")
 wid=$(wait_window "$window") ||
   { echo "palimbo.exe showed no window: $(cat "$work/window.out")" >&2; exit 1; }
 xdotool mousemove --window "$wid" $start_x $start_y click 1
-record=$work/line/shift.jsonl
+record=$line/shift.jsonl
 for _ in $(seq 600); do
   [[ -f $record && $(wc -l <"$record") -ge $modules ]] && break
   sleep 0.2
 done
 sleep 2  # the station's summary after its last line
 [[ -z $shot ]] || import -window "$wid" "$shot"
-xdotool key --window "$wid" alt+F4 2>/dev/null || true
-for _ in $(seq 100); do
-  kill -0 "$window" 2>/dev/null || break
-  sleep 0.2
-done
-kill -TERM "$window" 2>/dev/null || true
-wait "$window" 2>/dev/null || true
+close_window "$wid" "$window"
 
 lines=$(grep -c '"outcome":"verified"' "$record" || true)
 if [[ $lines != "$modules" ]]; then
