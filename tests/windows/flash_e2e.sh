@@ -66,5 +66,16 @@ for run in "verify:MODULE HOLDS THIS IMAGE." "flash --skip-same:NOT WRITTEN."; d
     exit 1
   fi
 done
+# The same check as a station of a profile, whose paths are taken from the profile's folder.
+cp "$hex" "$work/release.hex"
+printf '{"file": "release.hex", "port": "%s", "count": 1, "record": "check.jsonl"}' "$com" \
+  >"$work/check.json"
+if ! timeout 120 "$wine" "$win_cli" verify --profile "$(windows_path "$work/check.json")" \
+    >"$work/profile.log" 2>&1 || ! grep -q "station: 1 modules, 1 matching" "$work/profile.log" ||
+    ! grep -q '"outcome":"matches"' "$work/check.jsonl"; then
+  echo "Windows verify --profile failed:" >&2
+  cat "$work/profile.log" >&2
+  exit 1
+fi
 check_flash current
 echo "$protocol upload: Windows build under Wine $windows_ms ms, Linux build $linux_ms ms"
