@@ -45,6 +45,15 @@ const char* const kUsage =
     "                     per module; a port that goes away is waited for, and counts no\n"
     "                     module; exit status 0 only when every module was verified\n"
     "  --count N          with --station, stop after N modules\n"
+    "  --unit TEXT        the unit's own identity (its serial number or label) for the record\n"
+    "                     and the result; names the one module of a run\n"
+    "  --ask-unit         with --station and one port, read a line from standard input before\n"
+    "                     each module (a barcode scanner types the label and Enter): a module\n"
+    "                     is flashed only once its unit is known; the end of input ends the\n"
+    "                     station\n"
+    "  --unit-pattern RE  refuse a unit that does not match the regular expression RE as a\n"
+    "                     whole (ECMAScript syntax): a refused line is said, nothing is recorded\n"
+    "                     for it, and the next line is asked for\n"
     "  --profile PROFILE  run the station that the JSON object in PROFILE describes, one key\n"
     "                     a long option: file, port (a name or a list), record, trace,\n"
     "                     expect-sha256, skip-same, verify (a checking station), count,\n"
@@ -74,6 +83,8 @@ const char* const kVerifyUsage =
     "  --trace FILE       write every chunk to and from the port\n"
     "  --record FILE      append one JSON line per module to FILE, as flash does\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 is HEX\n"
+    "  --unit TEXT        the unit's own identity for the record and the result\n"
+    "  --unit-pattern RE  refuse a --unit that does not match RE\n"
     "  --profile PROFILE  check module after module as the station of PROFILE, as for flash\n"
     "  --spin             poll the port without waiting on it (for measurements)\n\n"
     "Exit status: 0 the module holds the image (every module), 4 it holds another image,\n"
@@ -122,6 +133,8 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
   app.add_flag("--spin", spin);
   app.add_option("--record", request.RecordFile);
   app.add_option("--expect-sha256", request.ExpectSha256);
+  app.add_option("--unit", request.Unit);
+  app.add_option("--unit-pattern", request.UnitPattern);
   if (!Verify) {
     app.add_flag("--yes", request.AssumeYes);
     app.add_flag("--skip-same", skipSame);
@@ -129,6 +142,7 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
     app.add_option("--count", request.StationCount)
         ->check(CLI::Range(1, kLargestCount))
         ->needs(station);
+    app.add_flag("--ask-unit", request.AskUnit)->needs(station);
   }
   app.add_option("FILE", request.File);
   if (ParseCommand(app, Args)) {

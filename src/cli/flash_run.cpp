@@ -5,6 +5,8 @@
 #include <condition_variable>
 #include <iostream>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "adapter/port_report.h"
@@ -124,6 +126,15 @@ void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index
   }
 }
 
+// One line of standard input for the next module's unit, as a barcode scanner types the
+// label and Enter; on a terminal the operator is told what is wanted.
+std::optional<std::string> ReadUnitLine(UploadDisplay& Display, size_t Place) {
+  if (IsTerminal(StdStream::In)) Display.Note(Place, "scan the next module's label");
+  std::string line;
+  if (!std::getline(std::cin, line)) return std::nullopt;
+  return line;
+}
+
 // How long a station waits before it looks again for a port that went away.
 constexpr auto kPortLookInterval = std::chrono::seconds(1);
 constexpr auto kStopLookInterval = std::chrono::milliseconds(100);
@@ -183,6 +194,8 @@ FlashReport FlashModules(const RunRequest& Request, bool Json, const BackendFact
             std::this_thread::sleep_for(kStopLookInterval);
           }
         };
+        place.Units = run.Units();
+        if (Request.AskUnit) place.ReadUnitLine = [&] { return ReadUnitLine(display, i); };
         RunStationPort(place, tally, station, run.Record());
       } else {
         ModuleResult& result = report.Modules[i];

@@ -197,6 +197,7 @@ void UploadDisplay::Finish(const std::vector<ModuleResult>& Results) {
       }
       if (!r.Record.empty()) line["record"] = r.Record;
       if (!r.Trace.empty()) line["trace"] = r.Trace;
+      if (!r.Unit.empty()) line["unit"] = r.Unit;
       std::cout << JsonLine(line) << std::endl;
     }
     return;

@@ -516,6 +516,17 @@ void frmPalimbo::ShowProfile() {
     fraProduction->ShowRefusal(profile_error_);
     return;
   }
+  if (profile_.AskUnit) {
+    // A scanner types into whatever has the focus: the unit field has it, and each Enter gives
+    // the next module its unit, also one scanned while the module before is still written.
+    fraProduction->AskUnits(true);
+    QLineEdit* Field = fraProduction->UnitField();
+    connect(Field, &QLineEdit::returnPressed, this, [this, Field] {
+      scanned_units_.push_back(Bytes(Field->text()));
+      Field->clear();
+    });
+    Field->setFocus();
+  }
   // A first look at the release, so that the operator sees what START will write; the station
   // reads the file again when it starts, and that read is the one it writes.
   std::string why;
@@ -550,6 +561,18 @@ void frmPalimbo::RunStation() {
   FinishJob();
 }
 
+std::optional<std::string> frmPalimbo::ReadUnitLine() {
+  fraProduction->UnitField()->setFocus();
+  // The window lives on meanwhile, and nothing runs between two of its events.
+  while (scanned_units_.empty() && !station_stop_ && !job_->QUnload) {
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+  }
+  if (scanned_units_.empty()) return std::nullopt;
+  std::string Line = scanned_units_.front();
+  scanned_units_.pop_front();
+  return Line;
+}
+
 void frmPalimbo::DriveStation(ProductionRun& Run) {
   fraProduction->ShowRelease(Run.Request(), Run.Firmware());
   fraProduction->ShowCounts(Run.Tally().Counts());
@@ -580,6 +603,8 @@ void frmPalimbo::DriveStation(ProductionRun& Run) {
   Place.ProbePort = [&] { return ProbePort(*Port, Name, Stopping); };
   Place.Stopping = Stopping;
   Place.StopStation = [this] { station_stop_ = true; };
+  if (Run.Request().AskUnit) Place.ReadUnitLine = [this] { return ReadUnitLine(); };
+  Place.Units = Run.Units();
   Place.Pause = [&] {
     // A second between two looks for the port, with the window alive meanwhile.
     for (int Step = 0; Step < 10 && !Stopping(); ++Step) {

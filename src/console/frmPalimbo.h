@@ -4,7 +4,10 @@
 #include <QString>
 #include <QWidget>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "production/run_request.h"
 #include "upload/job_context.h"
@@ -122,6 +125,9 @@ class frmPalimbo final : public QWidget {
   void DriveStation(ProductionRun& Run);
   /// A station runs and waits for its next module (or for its port): nothing to cancel.
   bool StationWaiting() const;
+  /// The next line scanned into the unit field, once its Enter came; nothing when the station
+  /// stopped first.
+  std::optional<std::string> ReadUnitLine();
 
   ConsoleServices services_;
   std::unique_ptr<JobBridge> bridge_;
@@ -130,9 +136,10 @@ class frmPalimbo final : public QWidget {
   bool unloaded_ = false;
   bool production_ = false;
   RunRequest profile_;
-  std::string profile_error_;  // why the profile cannot run at all
-  bool station_stop_ = false;  // the operator or the window's close ended the station
-  bool in_module_ = false;     // a station's job runs, not its wait for the port
+  std::string profile_error_;              // why the profile cannot run at all
+  bool station_stop_ = false;              // the operator or the window's close ended the station
+  bool in_module_ = false;                 // a station's job runs, not its wait for the port
+  std::deque<std::string> scanned_units_;  // lines of the unit field not used yet
 
   QGroupBox* Frame1 = nullptr;
   QLabel* Label1 = nullptr;

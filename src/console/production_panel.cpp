@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLabel>
+#include <QLineEdit>
 
 #include "production/outcome.h"
 #include "production/production_run.h"
@@ -41,10 +42,19 @@ ProductionPanel::ProductionPanel(QWidget* Parent)
   Big.setPointSizeF(18);
   Big.setBold(true);
   lblLastResult->setFont(Big);
-  lblLastReason = MakeLabel(this, "lblLastReason", QRect(16, 74, 609, 17));
+  lblLastReason = MakeLabel(this, "lblLastReason", QRect(16, 74, 290, 17));
   lblLastReason->setWordWrap(true);
   lblCounts = MakeLabel(this, "lblCounts", QRect(312, 38, 313, 17));
   lblRecord = MakeLabel(this, "lblRecord", QRect(312, 56, 313, 17));
+  lblUnit = MakeLabel(this, "lblUnit", QRect(312, 76, 40, 20));
+  lblUnit->setText(QStringLiteral("Unit:"));
+  txtUnit = new QLineEdit(this);
+  txtUnit->setObjectName(QStringLiteral("txtUnit"));
+  txtUnit->setGeometry(QRect(352, 76, 273, 20));
+  txtUnit->setToolTip(
+      QStringLiteral("Scan the label of the next module: its unit is known when "
+                     "the scanner's Enter comes"));
+  AskUnits(false);
   lblLastResult->setText(QStringLiteral("READY"));
 }
 
@@ -71,8 +81,14 @@ void ProductionPanel::ShowResult(int32_t Module, const ModuleResult& Result) {
                                                    : "trace " + Result.Trace;
   }
   QString Reason = QStringLiteral("module %1").arg(Module);
+  if (!Result.Unit.empty()) Reason += QStringLiteral(" (unit %1)").arg(Text(Result.Unit));
   if (!Good && !Why.empty()) Reason += QStringLiteral(": ") + Text(Why);
   ShowBig(Caption, Good, Reason);
+}
+
+void ProductionPanel::AskUnits(bool On) {
+  lblUnit->setVisible(On);
+  txtUnit->setVisible(On);
 }
 
 void ProductionPanel::ShowCounts(const std::string& Counts) {

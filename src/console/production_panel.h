@@ -4,6 +4,7 @@
 #include <string>
 
 class QLabel;
+class QLineEdit;
 
 namespace palimbo {
 
@@ -31,6 +32,10 @@ class ProductionPanel final : public QGroupBox {
   void ShowRefusal(const std::string& Reason);
   /// Why the station stopped before its count or the operator's stop.
   void ShowStop(const std::string& Reason);
+  /// The field into which the operator scans each module's label, shown only where the
+  /// station asks for units.
+  QLineEdit* UnitField() { return txtUnit; }
+  void AskUnits(bool On);
 
  private:
   void ShowBig(const QString& Text, bool Good, const QString& Reason);
@@ -40,6 +45,8 @@ class ProductionPanel final : public QGroupBox {
   QLabel* lblLastReason = nullptr;
   QLabel* lblCounts = nullptr;
   QLabel* lblRecord = nullptr;
+  QLabel* lblUnit = nullptr;
+  QLineEdit* txtUnit = nullptr;
 };
 
 }  // namespace palimbo

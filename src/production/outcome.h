@@ -31,6 +31,7 @@ struct ModuleResult {
   std::string Record;             ///< with a record: "written", or "not written: " and why
   std::string Trace;              ///< with a trace: "written", or "not written: " and why
   std::string ServerFingerprint;  ///< SHA-256 of the server's certificate on a secured port
+  std::string Unit;               ///< the unit's own identity, such as its label; empty if unknown
 };
 
 /// The outcome as the summary, the JSON results and the record name it, e.g. "given up".

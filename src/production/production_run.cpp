@@ -52,7 +52,10 @@ ProductionRun::Opening ProductionRun::Open(const RunRequest& Request) {
   Opening opening;
   RunFirmware firmware = ReadRunFirmware(Request, opening.Error, opening.Warnings);
   if (!opening.Error.empty()) return opening;
+  std::optional<UnitRule> units = UnitRule::Make(Request.UnitPattern, opening.Error);
+  if (!units) return opening;
   std::unique_ptr<ProductionRun> run(new ProductionRun(Request, std::move(firmware)));
+  run->units_ = std::move(*units);
   // Every trace opens before the record and any port: a trace that cannot be written is a bad
   // input, and leaves no empty record behind.
   for (size_t i = 0; i < run->traces_.size() && !Request.TraceFile.empty(); ++i) {
@@ -100,6 +103,7 @@ ModuleResult ModuleJob::Run(JobContext& Ctx, const TraceBackend* Trace) {
   result.Bytes = image.FirmwareString.size();
   result.ImageCrc = run_.Firmware().Crc;
   result.Started = std::time(nullptr);
+  result.Unit = request.Unit;
   const auto started = std::chrono::steady_clock::now();
 
   Ctx.IdleWaitMicros = request.IdleWait ? kUnattendedIdleWaitMicros : 0;

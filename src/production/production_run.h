@@ -53,6 +53,8 @@ class ProductionRun {
   std::ostream* Trace(size_t Index) { return traces_.at(Index).get(); }
   /// The count of a station's modules (for all its places).
   StationTally& Tally() { return tally_; }
+  /// What a unit scanned at the station must look like.
+  const UnitRule& Units() const { return units_; }
   /// What the run writes: "Firmware F read once for the whole run: N bytes, CRC X, SHA-256 S".
   std::string Description() const;
 
@@ -64,6 +66,7 @@ class ProductionRun {
   std::vector<std::unique_ptr<std::ostream>> traces_;
   std::unique_ptr<UploadRecord> record_;
   StationTally tally_;
+  UnitRule units_;
 };
 
 /// The trace file of the place at `Index`: FILE with one port, FILE.1, FILE.2.. with several.

@@ -75,6 +75,8 @@ const std::map<std::string, KeyReader>& Keys() {
          if (on) r.Mode = WriteMode::Never;
          return why;
        }},
+      {"ask-unit", [](const Json& v, RunRequest& r) { return Flag(v, r.AskUnit); }},
+      {"unit-pattern", [](const Json& v, RunRequest& r) { return Text(v, r.UnitPattern); }},
       {"count",
        [](const Json& v, RunRequest& r) { return Whole(v, 1, kLargestCount, r.StationCount); }},
       {"give-up-after",

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <filesystem>
 
+#include "production/unit.h"
 #include "serial/serial_remote.h"
 
 namespace palimbo {
@@ -54,10 +55,26 @@ std::string RequestProblem(RunRequest& Request, const std::string& Names) {
            " s: " + (check ? "the check" : "the CRC probe and two erases") +
            "); give at least that, or 0 for never";
   }
+  std::string problem;
   if (!Request.ExpectSha256.empty()) {
-    std::string problem;
     Request.ExpectSha256 = ApprovedSha256(Request.ExpectSha256, problem);
     if (!problem.empty()) return Names + "expect-sha256 " + problem;
+  }
+  const std::optional<UnitRule> units = UnitRule::Make(Request.UnitPattern, problem);
+  if (!units) return Names + "unit-pattern " + problem;
+  if (!Request.Unit.empty()) {
+    if (Request.Station || Request.Ports.size() > 1) {
+      return Names + "unit names the one module of a run; a station asks each module's unit (" +
+             Names + "ask-unit)";
+    }
+    std::string why;
+    if (!units->Take(Request.Unit, why)) return Names + "unit: " + why;
+  }
+  if (Request.AskUnit && Request.Ports.size() > 1) {
+    return Names + "ask-unit takes one port: a scanned label must name the module on it";
+  }
+  if (!Request.UnitPattern.empty() && Request.Unit.empty() && !Request.AskUnit) {
+    return Names + "unit-pattern without " + Names + "unit or " + Names + "ask-unit checks nothing";
   }
   for (size_t i = 0; i < Request.Ports.size(); ++i) {
     // A network port's URL, and a secured port's files, are arguments like any other.

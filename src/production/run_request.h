@@ -23,6 +23,9 @@ struct RunRequest {
   std::string RecordFile;    ///< appends one JSON line per upload when set
   bool Station = false;      ///< module after module on each port, until a stop or the count
   int32_t StationCount = 0;  ///< modules a station takes in all; 0 for no limit
+  std::string Unit;          ///< the identity of the one module of a run, such as its label
+  bool AskUnit = false;      ///< a station asks each module's unit before flashing it
+  std::string UnitPattern;   ///< what a unit must look like (ECMAScript), empty for anything
 };
 
 /// The largest count of modules and of seconds before giving up that a run takes.

@@ -43,7 +43,8 @@ std::pair<int32_t, std::string> StationTally::Count(const ModuleResult& Result) 
   char seconds[32];
   std::snprintf(seconds, sizeof seconds, "%.1f", Result.Seconds);
   const auto number = static_cast<int32_t>(results_.size());
-  std::string line = "module " + std::to_string(number) + ": " +
+  std::string line = "module " + std::to_string(number) +
+                     (Result.Unit.empty() ? "" : " (unit " + Result.Unit + ")") + ": " +
                      OutcomeName(Result.Result.Outcome) + " in " + seconds + " s";
   if (ExitStatusOf(Result.Result.Outcome) != kExitOk && !Result.Result.Reason.empty()) {
     line += " (" + Result.Result.Reason + ")";
@@ -122,13 +123,32 @@ bool AwaitPort(const StationPlace& Place) {
   return false;
 }
 
+// The unit of the next module as the operator scans it: nothing when the input ended or the
+// station stopped first.
+std::optional<std::string> NextUnit(const StationPlace& Place, StationEvents& Events) {
+  while (!Place.Stopping()) {
+    const std::optional<std::string> line = Place.ReadUnitLine();
+    if (!line) return std::nullopt;
+    std::string why;
+    if (std::optional<std::string> unit = Place.Units.Take(*line, why)) return unit;
+    Events.Note(Place.Index, why + "; nothing recorded, scan the label again");
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 void RunStationPort(const StationPlace& Place, StationTally& Tally, StationEvents& Events,
                     UploadRecord* Record) {
   bool opened = false;
+  std::optional<std::string> unit;  // scanned for a module that has not come yet
   while (!Place.Stopping() && Tally.Claim()) {
+    if (Place.ReadUnitLine && !unit && !(unit = NextUnit(Place, Events))) {
+      Tally.Release();
+      return;
+    }
     ModuleResult result = Place.RunOne();
+    if (unit) result.Unit = *unit;
     const UploadOutcome outcome = result.Result.Outcome;
     const bool lost = !result.PortLost.empty() || outcome == UploadOutcome::PortError;
     // No bootloader answered: the station was stopped, or the port went away, while it waited.
@@ -142,6 +162,7 @@ void RunStationPort(const StationPlace& Place, StationTally& Tally, StationEvent
       }
       if (!lost) return;
     } else {
+      unit.reset();
       const auto [number, line] = Tally.Count(result);
       const std::string error = SettleOutputs(result, Record, number);
       Tally.Settle(number, result);

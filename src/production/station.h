@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "production/outcome.h"
+#include "production/unit.h"
 #include "production/upload_record.h"
 
 namespace palimbo {
@@ -88,10 +90,17 @@ struct StationPlace {
   std::function<void()> StopStation;
   /// Waits a little between two looks for a port that went away.
   std::function<void()> Pause;
+  /// Reads the line the operator scans for the next module's unit: nothing at the end of the
+  /// input or when the station stops. Unset when the station asks no unit.
+  std::function<std::optional<std::string>()> ReadUnitLine;
+  /// What a scanned unit must look like.
+  UnitRule Units;
 };
 
 /// One place of a station: flashes module after module, until a stop, the tally's limit, a
-/// record that cannot be written, or a port that cannot be opened at the start. A port that
+/// record that cannot be written, or a port that cannot be opened at the start. Where the
+/// station asks each module's unit, a module is flashed only once a scanned line named it; a
+/// line the rule refuses is said and the next one asked for. A port that
 /// goes away while the place waits for a module is no module: the place says so, waits for the
 /// port to come back and goes on. Each module is counted, goes to the record when there is
 /// one, and to the front end.

@@ -2,6 +2,7 @@
 
 #include "production/host.h"
 #include "production/json_line.h"
+#include "production/unit.h"
 #include "upload/hex_text.h"
 
 namespace palimbo {
@@ -25,9 +26,11 @@ UploadRecord::UploadRecord(std::unique_ptr<RecordFile> Out, std::string Path,
 
 bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::string& Error) {
   nlohmann::ordered_json line = {
+      {"id", NewRecordId()},
       {"time", UtcTimestamp(Result.Started)},
       {"host", host_},
       {"version", PALIMBO_VERSION},
+      {"unit", Result.Unit},
       {"port", Result.Port},
       {"file", firmware_.File},
       {"file_bytes", firmware_.ImageBytes},

@@ -92,6 +92,34 @@ TEST_F(StationTest, ThreeModulesFromOneStartAndTheRecordOfEach) {
   EXPECT_FALSE(Settings.contains("Settings/Port"));  // the operator's own settings stay
 }
 
+// A profile that asks units: the unit field has the focus, a mis-scan is said and recorded
+// nowhere, and each scanned label names one module, also one scanned before START.
+TEST_F(StationTest, EachModuleTakesTheUnitScannedForIt) {
+  OpenStation(R"("file": "firmware.hex", "port": "SIM", "record": "record.jsonl", "count": 2,
+                 "ask-unit": true, "unit-pattern": "SN-[0-9]{4}")",
+              StationLine);
+  auto* Field = Find<QLineEdit>("txtUnit");
+  EXPECT_EQ(Window->focusWidget(), Field);
+  const auto Scan = [Field](const char* Label) {
+    Field->setText(Label);
+    emit Field->returnPressed();
+  };
+  Scan("SN-0001");
+  AtPump([this] { return Record().size() == 1; },
+         [&] {
+           Scan("sn-2");
+           Scan("SN-0002");
+         });
+  Button("cmdStart")->click();
+  ASSERT_EQ(Record().size(), 2);
+  EXPECT_TRUE(Record()[0].contains(R"("unit":"SN-0001")")) << Record()[0].toStdString();
+  EXPECT_TRUE(Record()[1].contains(R"("unit":"SN-0002")")) << Record()[1].toStdString();
+  EXPECT_TRUE(
+      LogTexts().contains("unit 'sn-2' does not match the pattern SN-[0-9]{4}; nothing "
+                          "recorded, scan the label again"));
+  EXPECT_EQ(Shown("lblLastReason"), "module 2 (unit SN-0002)");
+}
+
 struct RefusedRow {
   const char* Name;
   const char* Keys;

@@ -38,7 +38,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Row{"NotJson", "{\"file\": ", "not JSON: parse error at line 1, column 10"},
         Row{"NotAnObject", "[1]", "expected a JSON object"},
-        Row{"UnknownKey", With(R"("json": true)"), "unknown key 'json'; the keys are count, "},
+        Row{"UnknownKey", With(R"("json": true)"),
+            "unknown key 'json'; the keys are ask-unit, count, "},
         Row{"KeyTwice", R"({"file": "a.hex", "port": "COM3", "file": "b.hex"})",
             "'file' is given twice"},
         Row{"NoFile", R"({"port": "COM3"})", "'file' is missing"},
@@ -66,6 +67,9 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"SkipSameNotFlag", With(R"("skip-same": "yes")"),
             "'skip-same': expected true or false"},
         Row{"VerifyNotFlag", With(R"("verify": 1)"), "'verify': expected true or false"},
+        Row{"AskUnitNotFlag", With(R"("ask-unit": "yes")"), "'ask-unit': expected true or false"},
+        Row{"UnitPatternBad", With(R"("ask-unit": true, "unit-pattern": "[")"),
+            "unit-pattern '[' is no regular expression"},
         Row{"CheckAndSkip", With(R"("verify": true, "skip-same": true)"),
             "'skip-same' and 'verify' exclude each other"},
         Row{"ShaShort", With(R"("expect-sha256": "12ab")"), "expect-sha256 '12ab' is no SHA-256"},
@@ -95,13 +99,16 @@ TEST(Profile, EveryKeyReachesTheRequestAndPathsAreTakenFromTheProfilesFolder) {
   const std::string absolute = (folder / "elsewhere" / "fw.hex").generic_string();
   const std::string check =
       WriteTempFile("check.json", R"({"file": ")" + absolute + R"(", "port": "COM3",
-                                      "verify": true, "give-up-after": 22})");
+                                      "verify": true, "give-up-after": 22, "ask-unit": true,
+                                      "unit-pattern": "SN-\\d+"})");
   const RunRequest checking = ReadProfile(check, error);
   ASSERT_EQ(error, "");
   EXPECT_EQ(checking.File, absolute);
   EXPECT_EQ(checking.Mode, WriteMode::Never);
   EXPECT_EQ(checking.StationCount, 0);
   EXPECT_EQ(checking.RecordFile, "");
+  EXPECT_TRUE(checking.AskUnit);
+  EXPECT_EQ(checking.UnitPattern, "SN-\\d+");
 
   ReadProfile((folder / "none.json").string(), error);
   EXPECT_NE(error.find("none.json: cannot read"), std::string::npos) << error;
