@@ -1,0 +1,29 @@
+# libpq, the client library of PostgreSQL, for forwarding records to a database: on Linux
+# Debian's libpq-dev (the shared library will do); for Windows a static one with a static OpenSSL
+# below it, built once from Debian's sources and cached (scripts/libpq-windows.sh), found here by
+# itself as cmake/mbedtls.cmake finds Mbed TLS. Target palimbo::pq.
+add_library(palimbo::pq INTERFACE IMPORTED)
+if(WIN32 AND CMAKE_CROSSCOMPILING)
+  if(NOT PALIMBO_LIBPQ_PREFIX)
+    execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/../scripts/libpq-windows.sh
+                    OUTPUT_VARIABLE built RESULT_VARIABLE status)
+    if(NOT status EQUAL 0)
+      message(FATAL_ERROR "scripts/libpq-windows.sh failed (${status})")
+    endif()
+    string(REGEX REPLACE ".*\n([^\n]+)\n?$" "\\1" built "\n${built}")
+    set(PALIMBO_LIBPQ_PREFIX ${built} CACHE PATH "libpq and OpenSSL built for Windows")
+  endif()
+  # In the order the linker needs them: libpq's share of PostgreSQL's common code and ports, then
+  # OpenSSL, then the Windows libraries these call: sockets, the security support provider,
+  # certificate stores, and the last three, which the compiler adds anyway, named all the same.
+  set(archives)
+  foreach(library pq pgcommon_shlib pgport_shlib ssl crypto)
+    list(APPEND archives ${PALIMBO_LIBPQ_PREFIX}/lib/lib${library}.a)
+  endforeach()
+  set_target_properties(palimbo::pq PROPERTIES
+    INTERFACE_INCLUDE_DIRECTORIES ${PALIMBO_LIBPQ_PREFIX}/include
+    INTERFACE_LINK_LIBRARIES "${archives};ws2_32;secur32;crypt32;advapi32;shell32;user32")
+else()
+  find_package(PostgreSQL REQUIRED)
+  set_target_properties(palimbo::pq PROPERTIES INTERFACE_LINK_LIBRARIES PostgreSQL::PostgreSQL)
+endif()
