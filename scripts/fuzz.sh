@@ -9,7 +9,7 @@ seconds=${1:-12}
 build=build-fuzz
 targets=(hex_reader direct_exchange ccb_exchange entry_poll line_settings telnet)
 
-scripts/install-packages.sh clang-14 libclang-rt-14-dev cmake ninja-build libmbedtls-dev
+scripts/install-packages.sh clang-14 libclang-rt-14-dev cmake ninja-build libmbedtls-dev libpq-dev
 
 CC=clang-14 CXX=clang++-14 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DPALIMBO_FUZZ=ON -DPALIMBO_TESTS=OFF -DPALIMBO_WINDOW=OFF -DPALIMBO_BENCH=OFF >&2

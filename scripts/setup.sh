@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 scripts/install-packages.sh cmake ninja-build g++ python3 libgtest-dev libgmock-dev \
   libbenchmark-dev qt6-base-dev lintian nlohmann-json3-dev libcli11-dev ser2net \
-  libmbedtls-dev openssl ca-certificates
+  libmbedtls-dev openssl ca-certificates libpq-dev postgresql-15
 
 build=${1:-build}
 shift || true

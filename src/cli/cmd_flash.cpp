@@ -38,6 +38,11 @@ const char* const kUsage =
     "                     outcome, reason, seconds, a secured server's certificate SHA-256;\n"
     "                     a line that cannot be written fails the run (and stops a station)\n"
     "  --expect-sha256 HEX  refuse FILE unless its SHA-256 (as sha256sum prints it) is HEX\n"
+    "  --forward URL      with --record, send each record line also into the table\n"
+    "                     palimbo_uploads of the PostgreSQL database at URL (a libpq URI),\n"
+    "                     from a thread of its own: a database that is away holds up nothing,\n"
+    "                     its lines wait in the record and go, once each, when it answers;\n"
+    "                     a URI, password, database or right that cannot work is exit 2\n"
     "  --skip-same        ask each module's checksum first; one that holds the image already\n"
     "                     is only rebooted (\"already current\", exit status 0)\n"
     "  --station          production station: after each module wait for the next one on the\n"
@@ -134,6 +139,7 @@ int RunModules(const std::vector<std::string>& Args, bool Verify) {
   app.add_option("--record", request.RecordFile);
   app.add_option("--expect-sha256", request.ExpectSha256);
   app.add_option("--unit", request.Unit);
+  app.add_option("--forward", request.ForwardUrl);
   app.add_option("--unit-pattern", request.UnitPattern);
   if (!Verify) {
     app.add_flag("--yes", request.AssumeYes);

@@ -16,5 +16,6 @@ int RunVerify(const std::vector<std::string>& Args);
 int RunSimulate(const std::vector<std::string>& Args);
 int RunDemo(const std::vector<std::string>& Args);
 int RunPorts(const std::vector<std::string>& Args);
+int RunRecords(const std::vector<std::string>& Args);
 
 }  // namespace palimbo::cli

@@ -224,12 +224,18 @@ FlashReport FlashModules(const RunRequest& Request, bool Json, const BackendFact
     report.Modules = tally.Results();
     display.Finish(Json ? std::vector<ModuleResult>{} : report.Modules);
     display.Log(0, tally.Summary());
+    if (const std::string forwarded = run.FinishForwarding(); !forwarded.empty()) {
+      display.Log(0, forwarded);
+    }
     report.ExitStatus = tally.ExitStatus();
     return report;
   }
   display.Finish(report.Modules);
   if (!Json) {
     for (size_t i = 0; i < report.Modules.size(); ++i) ExplainEnd(report.Modules[i], display, i);
+  }
+  if (const std::string forwarded = run.FinishForwarding(); !forwarded.empty()) {
+    display.Log(0, forwarded);
   }
   report.ExitStatus = CombinedExitStatus(report.Modules);
   return report;

@@ -615,6 +615,9 @@ void frmPalimbo::DriveStation(ProductionRun& Run) {
   StationView View(*this, Run.Tally());
   RunStationPort(Place, Run.Tally(), View, Run.Record());
   Log(Text(Run.Tally().Summary()));
+  if (const std::string Forwarded = Run.FinishForwarding(); !Forwarded.empty()) {
+    Log(Text(Forwarded));
+  }
   Own->QUnload = job_->QUnload;
   Own->Cancel = job_->Cancel;
   job_ = std::move(Own);

@@ -75,6 +75,16 @@ ProductionRun::Opening ProductionRun::Open(const RunRequest& Request) {
         opening.Error);
     if (!run->record_) return opening;
   }
+  if (!Request.ForwardUrl.empty()) {
+    run->forwarder_ = RecordForwarder::Start(Request.ForwardUrl, Request.RecordFile, opening.Error);
+    if (!run->forwarder_) {
+      opening.Error = "--forward: " + opening.Error;
+      return opening;
+    }
+    run->record_->Written = [forwarder = run->forwarder_.get()](const std::string& Line) {
+      forwarder->Take(Line);
+    };
+  }
   opening.Run = std::move(run);
   return opening;
 }
@@ -83,6 +93,15 @@ std::string ProductionRun::Description() const {
   return "Firmware " + request_.File +
          " read once for the whole run: " + std::to_string(firmware_.Image.FirmwareString.size()) +
          " bytes, CRC " + Hex4(firmware_.Crc) + ", SHA-256 " + firmware_.Image.FileSha256;
+}
+
+std::string ProductionRun::FinishForwarding() {
+  if (!forwarder_) return {};
+  // A short last chance for the lines of the last modules; whatever waits, the record holds.
+  const ForwardCount count = forwarder_->Finish(std::chrono::seconds(5));
+  return "records: " + std::to_string(count.Sent + count.There) +
+         " lines in the database's table palimbo_uploads (" + std::to_string(count.Sent) +
+         " sent now), " + std::to_string(count.Waiting) + " wait in the record";
 }
 
 std::string TraceFileName(const RunRequest& Request, size_t Index) {

@@ -9,6 +9,7 @@
 
 #include "image/hex_file.h"
 #include "production/outcome.h"
+#include "production/record_forwarder.h"
 #include "production/run_request.h"
 #include "production/station.h"
 #include "production/upload_record.h"
@@ -53,6 +54,11 @@ class ProductionRun {
   std::ostream* Trace(size_t Index) { return traces_.at(Index).get(); }
   /// The count of a station's modules (for all its places).
   StationTally& Tally() { return tally_; }
+  /// The forwarder of the record's lines to the plant's database, or nothing.
+  RecordForwarder* Forwarder() { return forwarder_.get(); }
+  /// Stops forwarding and tells where the record's lines stand: "records: N lines in the
+  /// database's table palimbo_uploads, N wait in the record"; empty without a forwarder.
+  std::string FinishForwarding();
   /// What a unit scanned at the station must look like.
   const UnitRule& Units() const { return units_; }
   /// What the run writes: "Firmware F read once for the whole run: N bytes, CRC X, SHA-256 S".
@@ -67,6 +73,7 @@ class ProductionRun {
   std::unique_ptr<UploadRecord> record_;
   StationTally tally_;
   UnitRule units_;
+  std::unique_ptr<RecordForwarder> forwarder_;  // after the record, which it reads
 };
 
 /// The trace file of the place at `Index`: FILE with one port, FILE.1, FILE.2.. with several.

@@ -77,6 +77,7 @@ const std::map<std::string, KeyReader>& Keys() {
        }},
       {"ask-unit", [](const Json& v, RunRequest& r) { return Flag(v, r.AskUnit); }},
       {"unit-pattern", [](const Json& v, RunRequest& r) { return Text(v, r.UnitPattern); }},
+      {"forward", [](const Json& v, RunRequest& r) { return Text(v, r.ForwardUrl); }},
       {"count",
        [](const Json& v, RunRequest& r) { return Whole(v, 1, kLargestCount, r.StationCount); }},
       {"give-up-after",

@@ -76,6 +76,10 @@ std::string RequestProblem(RunRequest& Request, const std::string& Names) {
   if (!Request.UnitPattern.empty() && Request.Unit.empty() && !Request.AskUnit) {
     return Names + "unit-pattern without " + Names + "unit or " + Names + "ask-unit checks nothing";
   }
+  if (!Request.ForwardUrl.empty() && Request.RecordFile.empty()) {
+    return Names + "forward needs " + Names +
+           "record: the record is the truth, and the queue of what the database has not taken";
+  }
   for (size_t i = 0; i < Request.Ports.size(); ++i) {
     // A network port's URL, and a secured port's files, are arguments like any other.
     if (std::string problem = PortNameProblem(Request.Ports[i]); !problem.empty()) return problem;

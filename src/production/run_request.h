@@ -26,6 +26,7 @@ struct RunRequest {
   std::string Unit;          ///< the identity of the one module of a run, such as its label
   bool AskUnit = false;      ///< a station asks each module's unit before flashing it
   std::string UnitPattern;   ///< what a unit must look like (ECMAScript), empty for anything
+  std::string ForwardUrl;    ///< a PostgreSQL connection URI that each record line goes to
 };
 
 /// The largest count of modules and of seconds before giving up that a run takes.

@@ -47,10 +47,12 @@ bool UploadRecord::Append(const ModuleResult& Result, int32_t Module, std::strin
   if (Result.Result.ModuleCrc >= 0) line["module_crc"] = Hex4(Result.Result.ModuleCrc & 0xFFFF);
   if (Module > 0) line["module"] = Module;
   const std::lock_guard guard(lock_);
-  if (!out_->Append(JsonLine(line) + "\n", Error)) {
+  const std::string text = JsonLine(line);
+  if (!out_->Append(text + "\n", Error)) {
     Error = "cannot write record file " + path_ + ": " + Error;
     return false;
   }
+  if (Written) Written(text);
   return true;
 }
 

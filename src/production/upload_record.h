@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -32,6 +33,9 @@ class UploadRecord {
   /// Appends the line of one upload; `Module` is its number in a station's run, 0 outside one.
   /// False, and why in `Error`, when the line is not in the file.
   bool Append(const ModuleResult& Result, int32_t Module, std::string& Error);
+
+  /// Each line written goes here too, such as to the plant's database.
+  std::function<void(const std::string& Line)> Written;
 
  private:
   UploadRecord(std::unique_ptr<RecordFile> Out, std::string Path, RecordedFirmware Firmware);
