@@ -25,7 +25,8 @@ constexpr Subcommand kSubcommands[] = {
     {"hex2bin", "write the flat image of a firmware file", palimbo::cli::RunHex2Bin},
     {"ports", "look for the USB adapter of a controller", palimbo::cli::RunPorts},
     {"simulate", "serve a simulated module on a pseudo-terminal", palimbo::cli::RunSimulate},
-    {"records", "send a record's lines to the plant's database", palimbo::cli::RunRecords},
+    {"records", "send a record to the plant's database, or tell a shift's yield",
+     palimbo::cli::RunRecords},
 };
 
 void PrintHelp(std::ostream& out) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace palimbo {
 
@@ -38,5 +39,8 @@ class RecordForwarder {
 /// `Error` when the database cannot take them.
 bool PushRecord(const std::string& RecordPath, const std::string& Url, ForwardCount& Count,
                 std::string& Error);
+
+/// Every line the table holds, oldest first: false and why in `Error` when it cannot be read.
+bool ReadTable(const std::string& Url, std::vector<std::string>& Lines, std::string& Error);
 
 }  // namespace palimbo

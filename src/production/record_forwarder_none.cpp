@@ -19,4 +19,9 @@ bool PushRecord(const std::string&, const std::string&, ForwardCount&, std::stri
   return false;
 }
 
+bool ReadTable(const std::string&, std::vector<std::string>&, std::string& Error) {
+  Error = kNoClient;
+  return false;
+}
+
 }  // namespace palimbo

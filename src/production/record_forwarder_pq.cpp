@@ -273,4 +273,19 @@ bool PushRecord(const std::string& RecordPath, const std::string& Url, ForwardCo
   return true;
 }
 
+bool ReadTable(const std::string& Url, std::vector<std::string>& Lines, std::string& Error) {
+  bool away = false;
+  Connection conn = Open(Url, away, Error);
+  if (away) Error = "the database does not answer";
+  if (!Error.empty()) return false;
+  Result rows = Exec(conn.get(), "SELECT line::text FROM palimbo_uploads ORDER BY time, id");
+  if (!Ok(rows)) {
+    Error = Message(conn.get());
+    return false;
+  }
+  for (int row = 0; row < PQntuples(rows.get()); ++row)
+    Lines.push_back(PQgetvalue(rows.get(), row, 0));
+  return true;
+}
+
 }  // namespace palimbo
