@@ -17,11 +17,12 @@ std::string Line(const std::string& Time, const std::string& File, char Sha,
 const std::vector<std::string> kShift = {
     Line("2026-11-24T22:00:00Z", "a.hex", 'a', "U0", "verified", 0),
     Line("2026-11-25T06:01:00Z", "a.hex", 'a', "U1", "verified", 0),
+    // A station's clock may put a line behind one written later: U2 failed first.
+    Line("2026-11-25T06:05:00Z", "a.hex", 'a', "U2", "verified", 0),
     Line("2026-11-25T06:03:00Z", "a.hex", 'a', "U2", "failed", 1, "station4"),
     Line("2026-11-25T06:02:00Z", "b.hex", 'b', "U4", "verified", 0),
     "{\"other\":1}",
     "not JSON",
-    Line("2026-11-25T06:05:00Z", "a.hex", 'a', "U2", "verified", 0),
     Line("2026-11-25T06:06:00Z", "a.hex", 'a', "U3", "already current", 0),
     Line("2026-11-25T06:07:00Z", "a.hex", 'a', "", "verified", 0),
     Line("2026-11-25T06:08:00Z", "a.hex", 'a', "U2", "verified", 0),
