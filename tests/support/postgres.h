@@ -3,9 +3,7 @@
 // A throwaway PostgreSQL 15 cluster of the test's own: made and run by the `postgres` user on a
 // free loopback port with password authentication, stopped and removed at the end.
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +11,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "support/free_port.h"
 
 namespace palimbo::testing {
 
@@ -42,8 +42,8 @@ class Postgres {
         " -c listen_addresses=127.0.0.1 -c fsync=off' start >/dev/null");
   }
   void Stop() {
-    Run(std::string("runuser -u postgres -- ") + kBin + "pg_ctl -D " + dir_ + "/data -m fast -w stop " +
-        ">/dev/null 2>&1 || true");
+    Run(std::string("runuser -u postgres -- ") + kBin + "pg_ctl -D " + dir_ +
+        "/data -m fast -w stop " + ">/dev/null 2>&1 || true");
   }
   /// A connection URI; `Password` empty leaves it to PGPASSWORD or the password file.
   std::string Url(const std::string& Password = kPassword,
@@ -66,17 +66,6 @@ class Postgres {
 
   static void Run(const std::string& Command) {
     ASSERT_EQ(std::system(Command.c_str()), 0) << Command;
-  }
-  static int FreePort() {
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(s, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
-    close(s);
-    return ntohs(address.sin_port);
   }
 
   std::string dir_;

@@ -12,23 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "support/free_port.h"
 #include "support/process.h"
 #include "support/temp_file.h"
 
 namespace palimbo::testing {
-
-// A TCP port of the loopback address that nobody uses at this moment.
-inline int FreePort() {
-  const int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(s, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-  close(s);
-  return ntohs(address.sin_port);
-}
 
 // Whether something listens on `Port`, by the kernel's table: a probing connection would make
 // the server open its device, and the next client could find it busy.
