@@ -109,9 +109,11 @@ int RunRecords(const std::vector<std::string>& Args) {
     std::cerr << "palimbo-cli records report: " << error << std::endl;
     return error == "the database does not answer" ? kExitFailed : kExitUsage;
   }
-  std::ifstream in(file);
-  if (from.empty() && !in) throw UsageError("cannot read record file " + file);
-  for (std::string line; from.empty() && std::getline(in, line);) lines.push_back(line);
+  if (from.empty()) {
+    std::ifstream in(file);
+    if (!in) throw UsageError("cannot read record file " + file);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+  }
   const ReportBy grouping = by == "host"   ? ReportBy::Host
                             : by == "day"  ? ReportBy::Day
                             : by == "unit" ? ReportBy::Unit
