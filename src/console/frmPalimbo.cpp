@@ -532,13 +532,17 @@ void frmPalimbo::ShowProfile() {
   std::string why;
   std::vector<std::string> warnings;
   const RunFirmware firmware = ReadRunFirmware(profile_, why, warnings);
-  for (const std::string& warning : warnings) Log(QStringLiteral("warning: ") + Text(warning));
+  LogWarnings(warnings);
   fraProduction->ShowRelease(profile_, firmware);
   fraProduction->ShowCounts(StationTally(profile_.StationCount, profile_.Mode).Counts());
   if (!why.empty()) {
     Log(Text(why));
     fraProduction->ShowRefusal(why);
   }
+}
+
+void frmPalimbo::LogWarnings(const std::vector<std::string>& Warnings) {
+  for (const std::string& Warning : Warnings) Log(QStringLiteral("warning: ") + Text(Warning));
 }
 
 void frmPalimbo::RunStation() {
@@ -549,9 +553,7 @@ void frmPalimbo::RunStation() {
   ProductionRun::Opening opening;
   opening.Error = profile_error_;
   if (opening.Error.empty()) opening = ProductionRun::Open(profile_);
-  for (const std::string& warning : opening.Warnings) {
-    Log(QStringLiteral("warning: ") + Text(warning));
-  }
+  LogWarnings(opening.Warnings);
   if (opening.Run) {
     DriveStation(*opening.Run);
   } else {

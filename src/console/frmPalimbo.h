@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "production/run_request.h"
 #include "upload/job_context.h"
@@ -121,6 +122,8 @@ class frmPalimbo final : public QWidget {
   void ShowStatusMenu(const QPoint& Position);
   void FinishJob();
   void ShowProfile();
+  /// Notes about the firmware file, such as one probably built for another target.
+  void LogWarnings(const std::vector<std::string>& Warnings);
   void RunStation();
   void DriveStation(ProductionRun& Run);
   /// A station runs and waits for its next module (or for its port): nothing to cancel.

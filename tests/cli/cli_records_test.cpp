@@ -107,6 +107,16 @@ TEST(Records, EachLineReachesTheDatabaseOnceThroughAnOutage) {
   const std::string id = first.substr(7, 36);  // {"id":"...
   EXPECT_EQ(db.Query("SELECT line->>'unit' FROM palimbo_uploads WHERE id = '" + id + "'"),
             "SN-1\n");
+
+  // The shift's yield, from the record and from the table alike.
+  std::string fromTable;
+  EXPECT_EQ(Cli({"records", "report", record, "--json"}, output), 0) << output;
+  EXPECT_EQ(Cli({"records", "report", "--from", db.Url(), "--json"}, fromTable), 0) << fromTable;
+  EXPECT_EQ(fromTable, output);
+  EXPECT_NE(output.find(R"("uploads":4,"verified":4,"already_current":0,"failed":0,"units":4,)"
+                        R"("first_pass":4,"units_seen_twice":0,"first_pass_yield":1.0})"),
+            std::string::npos)
+      << output;
 }
 
 }  // namespace
