@@ -17,13 +17,21 @@ apt_options=(-o "Dir::Etc::SourceList=$work/apt/sources.list" -o "Dir::Etc::Sour
   -o "Dir::State::Lists=$work/apt/lists" -o "Dir::Cache::pkgcache=" -o "Dir::Cache::srcpkgcache=")
 echo "Fetching the source of $package $version" >&2
 apt-get -qq "${apt_options[@]}" update >&2
-# The archive keeps the sources of the current versions only: an installed package older than
-# those has none to fetch.
-(cd "$work/src" && apt-get -qq "${apt_options[@]}" source "$package=$version" >&2) || {
-  echo "Debian's archive gave no source of $package $version: bring the installed package up to" \
-    "a version the archive still holds (apt-cache policy shows them) and run again" >&2
-  exit 1
-}
+# The archive keeps the sources of the current versions only. An installed package older than
+# those (a machine image made before a security update) gets the newest source of the same
+# release that the archive gives, which only adds that update's fixes. The lists may name a
+# version whose files a mirror does not hold yet: the next older one is tried.
+fetch() { (cd "$work/src" && apt-get -qq "${apt_options[@]}" source "$package=$1" >&2); }
+if ! fetch "$version"; then
+  fetched=
+  for other in $(apt-cache "${apt_options[@]}" showsrc "$package" | sed -n 's/^Version: //p' |
+    sort -rV); do
+    [[ $other == "$version" ]] && continue
+    echo "Debian's archive gave no source of $package $version: trying $other" >&2
+    if fetch "$other"; then fetched=$other && break; fi
+  done
+  [[ -n $fetched ]] || { echo "Debian's archive gave no source of $package" >&2; exit 1; }
+fi
 source_dir=$(find "$work/src" -mindepth 1 -maxdepth 1 -type d -name "$package-*" | head -n1)
 [[ -d $source_dir ]] || { echo "the source of $package $version did not unpack" >&2; exit 1; }
 echo "$source_dir"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds Debian's libpq (the version of the installed libpq-dev) as a static library for 64-bit
-# Windows (MinGW-w64), with Debian's OpenSSL (the version of the installed libssl-dev) below it,
+# Windows (MinGW-w64), with Debian's OpenSSL (the version of the installed libssl-dev, or the
+# archive's current one of the same release when it no longer holds that) below it,
 # both from Debian's own source packages, and keeps them in one cache outside the tree, as
 # scripts/mbedtls-windows.sh does for Mbed TLS. A second run finds the cache at once.
 # Prints the cache's folder, the prefix to give CMake, on its last line.

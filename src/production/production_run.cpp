@@ -76,11 +76,14 @@ ProductionRun::Opening ProductionRun::Open(const RunRequest& Request) {
     if (!run->record_) return opening;
   }
   if (!Request.ForwardUrl.empty()) {
-    run->forwarder_ = RecordForwarder::Start(Request.ForwardUrl, Request.RecordFile, opening.Error);
+    std::string away;
+    run->forwarder_ =
+        RecordForwarder::Start(Request.ForwardUrl, Request.RecordFile, opening.Error, away);
     if (!run->forwarder_) {
       opening.Error = "--forward: " + opening.Error;
       return opening;
     }
+    if (!away.empty()) opening.Warnings.push_back("--forward: " + away);
     run->record_->Written = [forwarder = run->forwarder_.get()](const std::string& Line) {
       forwarder->Take(Line);
     };
@@ -101,7 +104,8 @@ std::string ProductionRun::FinishForwarding() {
   const ForwardCount count = forwarder_->Finish(std::chrono::seconds(5));
   return "records: " + std::to_string(count.Sent + count.There) +
          " lines in the database's table palimbo_uploads (" + std::to_string(count.Sent) +
-         " sent now), " + std::to_string(count.Waiting) + " wait in the record";
+         " sent now), " + std::to_string(count.Waiting) + " wait in the record" +
+         (count.Reason.empty() ? "" : " (the database: " + count.Reason + ")");
 }
 
 std::string TraceFileName(const RunRequest& Request, size_t Index) {

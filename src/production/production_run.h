@@ -57,7 +57,8 @@ class ProductionRun {
   /// The forwarder of the record's lines to the plant's database, or nothing.
   RecordForwarder* Forwarder() { return forwarder_.get(); }
   /// Stops forwarding and tells where the record's lines stand: "records: N lines in the
-  /// database's table palimbo_uploads, N wait in the record"; empty without a forwarder.
+  /// database's table palimbo_uploads, N wait in the record", and while lines wait the
+  /// database's reason; empty without a forwarder.
   std::string FinishForwarding();
   /// What a unit scanned at the station must look like.
   const UnitRule& Units() const { return units_; }

@@ -13,6 +13,7 @@ struct ForwardCount {
   int64_t Sent = 0;     ///< lines this run put into the table
   int64_t There = 0;    ///< lines the table held already
   int64_t Waiting = 0;  ///< lines that wait in the record for the database
+  std::string Reason;   ///< why the last try failed, while lines wait
 };
 
 /// Sends each line of a record into the table `palimbo_uploads` of a PostgreSQL database, on a
@@ -24,9 +25,11 @@ class RecordForwarder {
   /// Checks `Url` (a libpq connection URI) before the first module and takes every line of the
   /// record at `RecordPath` that has an id: nothing, and libpq's reason in `Error`, when the
   /// configuration cannot work (a bad URI, a wrong password, no such database, no right to
-  /// create or insert). A database that does not answer now is one that is down: its lines wait.
+  /// create or insert). A database that does not answer now is one that is down: its lines
+  /// wait, and `Away` says so.
   static std::unique_ptr<RecordForwarder> Start(const std::string& Url,
-                                                const std::string& RecordPath, std::string& Error);
+                                                const std::string& RecordPath, std::string& Error,
+                                                std::string& Away);
   virtual ~RecordForwarder() = default;
 
   /// A line just written to the record.

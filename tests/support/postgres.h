@@ -24,9 +24,7 @@ class Postgres {
     char folder[] = "/tmp/palimbo-pg-XXXXXX";
     dir_ = mkdtemp(folder);
     port_ = FreePort();
-    Run("printf %s '" + std::string(kPassword) + "' >" + dir_ + "/pw && chown -R postgres " + dir_ +
-        " && runuser -u postgres -- " + kBin + "initdb -D " + dir_ + "/data -U postgres" +
-        " --auth=scram-sha-256 --pwfile=" + dir_ + "/pw --no-sync >/dev/null");
+    Run("init " + dir_ + " " + std::to_string(port_) + " " + kPassword);
     Start();
   }
   ~Postgres() {
@@ -36,15 +34,8 @@ class Postgres {
   Postgres(const Postgres&) = delete;
   Postgres& operator=(const Postgres&) = delete;
 
-  void Start() {
-    Run(std::string("runuser -u postgres -- ") + kBin + "pg_ctl -D " + dir_ + "/data -l " + dir_ +
-        "/log -w -o '-p " + std::to_string(port_) + " -k " + dir_ +
-        " -c listen_addresses=127.0.0.1 -c fsync=off' start >/dev/null");
-  }
-  void Stop() {
-    Run(std::string("runuser -u postgres -- ") + kBin + "pg_ctl -D " + dir_ +
-        "/data -m fast -w stop " + ">/dev/null 2>&1 || true");
-  }
+  void Start() { Run("start " + dir_); }
+  void Stop() { Run("stop " + dir_); }
   /// A connection URI; `Password` empty leaves it to PGPASSWORD or the password file.
   std::string Url(const std::string& Password = kPassword,
                   const std::string& Database = "postgres") const {
@@ -62,10 +53,9 @@ class Postgres {
   }
 
  private:
-  static constexpr char kBin[] = "/usr/lib/postgresql/15/bin/";
-
-  static void Run(const std::string& Command) {
-    ASSERT_EQ(std::system(Command.c_str()), 0) << Command;
+  static void Run(const std::string& Arguments) {
+    const std::string command = "sh " PALIMBO_TESTS_DIR "/support/postgres.sh " + Arguments;
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
   }
 
   std::string dir_;

@@ -39,10 +39,19 @@ constexpr auto kLongestRetry = std::chrono::seconds(30);
 using Connection = std::unique_ptr<PGconn, decltype(&PQfinish)>;
 using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-// libpq's message without its line end.
+// libpq's message on one line of the log: its hint lines joined, its line end gone.
 std::string Message(const PGconn* Conn) {
-  std::string text = PQerrorMessage(Conn);
-  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  std::string text;
+  bool wrapped = false;
+  for (const char* at = PQerrorMessage(Conn); *at != '\0'; ++at) {
+    if (*at == '\n' || (wrapped && (*at == '\t' || *at == ' '))) {
+      wrapped = true;
+      continue;
+    }
+    if (wrapped && !text.empty()) text += ' ';
+    wrapped = false;
+    text += *at;
+  }
   return text;
 }
 
@@ -133,6 +142,7 @@ class PostgresForwarder final : public RecordForwarder {
     const std::lock_guard guard(lock_);
     ForwardCount count = count_;
     count.Waiting = static_cast<int64_t>(pending_.size());
+    if (count.Waiting > 0) count.Reason = reason_;
     return count;
   }
 
@@ -165,7 +175,8 @@ class PostgresForwarder final : public RecordForwarder {
       const std::vector<std::string> batch(pending_.begin(), pending_.begin() + n);
       wait.unlock();
       ForwardCount done;
-      const bool sent = Send(batch, done);
+      std::string why;
+      const bool sent = Send(batch, done, why);
       wait.lock();
       if (sent) {
         pending_.erase(pending_.begin(), pending_.begin() + static_cast<ptrdiff_t>(n));
@@ -177,20 +188,24 @@ class PostgresForwarder final : public RecordForwarder {
         retry_at_ = std::chrono::steady_clock::now() + retry;
         retry = std::min<std::chrono::milliseconds>(retry * 2, kLongestRetry);
         ++failures_;
+        reason_ = why;
       }
       drained_.notify_all();
     }
   }
 
-  bool Send(const std::vector<std::string>& Batch, ForwardCount& Done) {
+  bool Send(const std::vector<std::string>& Batch, ForwardCount& Done, std::string& Why) {
     if (!conn_ || PQstatus(conn_.get()) != CONNECTION_OK) {
       conn_ = Connect(url_);
-      if (PQstatus(conn_.get()) != CONNECTION_OK || !PrepareTable(conn_.get()).empty()) {
+      Why = PQstatus(conn_.get()) != CONNECTION_OK ? Message(conn_.get())
+                                                   : PrepareTable(conn_.get());
+      if (!Why.empty()) {
         conn_.reset();
         return false;
       }
     }
     if (Insert(conn_.get(), Batch, Done)) return true;
+    Why = Message(conn_.get());
     conn_.reset();
     return false;
   }
@@ -204,6 +219,7 @@ class PostgresForwarder final : public RecordForwarder {
   ForwardCount count_;
   std::chrono::steady_clock::time_point retry_at_{};
   int64_t failures_ = 0;  // tries the database did not take
+  std::string reason_;    // why the last of them failed
   bool stopping_ = false;
   std::thread thread_;
 };
@@ -246,10 +262,11 @@ Connection Open(const std::string& Url, bool& Away, std::string& Error) {
 
 std::unique_ptr<RecordForwarder> RecordForwarder::Start(const std::string& Url,
                                                         const std::string& RecordPath,
-                                                        std::string& Error) {
+                                                        std::string& Error, std::string& Away) {
   bool away = false;
   Connection conn = Open(Url, away, Error);
   if (!Error.empty()) return nullptr;
+  if (away) Away = "the database does not answer now: the record's lines wait for it";
   return std::make_unique<PostgresForwarder>(Url, std::move(conn), LinesWithIds(RecordPath));
 }
 
