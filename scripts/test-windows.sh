@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 linux_cli=$PWD/${1:-build}/src/cli/palimbo-cli
 [[ -x $linux_cli ]] || { echo "no Linux build at $linux_cli: run scripts/setup.sh first" >&2; exit 2; }
 
-scripts/install-packages.sh cmake ninja-build g++-mingw-w64-x86-64 googletest wine64 \
+scripts/install-packages.sh cmake ninja-build g++-mingw-w64-x86-64 googletest wine64 postgresql-15 \
   nlohmann-json3-dev libcli11-dev ser2net openssl
 cmake -S . -B build-win -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPALIMBO_WINDOW=OFF -DPALIMBO_BENCH=OFF \

@@ -128,11 +128,10 @@ void ExplainEnd(const ModuleResult& Module, UploadDisplay& Display, size_t Index
 
 // One line of standard input for the next module's unit, as a barcode scanner types the
 // label and Enter; on a terminal the operator is told what is wanted.
-std::optional<std::string> ReadUnitLine(UploadDisplay& Display, size_t Place) {
+std::optional<std::string> ReadUnitLine(UploadDisplay& Display, size_t Place,
+                                        const InterruptWatch& Interrupts) {
   if (IsTerminal(StdStream::In)) Display.Note(Place, "scan the next module's label");
-  std::string line;
-  if (!std::getline(std::cin, line)) return std::nullopt;
-  return line;
+  return Interrupts.ReadLine();
 }
 
 // How long a station waits before it looks again for a port that went away.
@@ -195,7 +194,7 @@ FlashReport FlashModules(const RunRequest& Request, bool Json, const BackendFact
           }
         };
         place.Units = run.Units();
-        if (Request.AskUnit) place.ReadUnitLine = [&] { return ReadUnitLine(display, i); };
+        if (Request.AskUnit) place.ReadUnitLine = [&] { return ReadUnitLine(display, i, interrupts); };
         RunStationPort(place, tally, station, run.Record());
       } else {
         ModuleResult& result = report.Modules[i];

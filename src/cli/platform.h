@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 #include <string>
 
 namespace palimbo::cli {
@@ -26,6 +27,10 @@ class InterruptWatch {
 
   /// Ctrl-C has been pressed at least once since the watch began.
   bool Requested() const;
+
+  /// One line of standard input without its line end, as a barcode scanner types it; nothing at
+  /// the input's end, or once Ctrl-C is pressed, also while the read waits for the line.
+  std::optional<std::string> ReadLine() const;
 };
 
 }  // namespace palimbo::cli

@@ -1,7 +1,10 @@
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 
 #include "cli/commands.h"
@@ -15,9 +18,16 @@ namespace {
 std::atomic<int> interrupts{0};
 static_assert(std::atomic<int>::is_always_lock_free);
 struct sigaction previous_action {};
+// The first press wakes a read of standard input through this pipe; a write to a pipe is one of
+// the few things a signal handler may do.
+int wake_pipe[2] = {-1, -1};
 
 void OnInterrupt(int) {
-  if (++interrupts < 2) return;
+  if (++interrupts < 2) {
+    const char wake = 1;
+    [[maybe_unused]] const auto ignored = write(wake_pipe[1], &wake, 1);
+    return;
+  }
   static const char message[] = "\nInterrupted: port closed.\n";
   [[maybe_unused]] const auto ignored = write(STDERR_FILENO, message, sizeof message - 1);
   // The system closes every port of the process on its way out.
@@ -41,6 +51,7 @@ std::string TimeOfDay() {
 
 InterruptWatch::InterruptWatch() {
   interrupts = 0;
+  if (pipe2(wake_pipe, O_CLOEXEC | O_NONBLOCK) != 0) wake_pipe[0] = wake_pipe[1] = -1;
   struct sigaction action {};
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
@@ -49,10 +60,34 @@ InterruptWatch::InterruptWatch() {
 
 InterruptWatch::~InterruptWatch() {
   sigaction(SIGINT, &previous_action, nullptr);
+  for (int& end : wake_pipe) {
+    if (end >= 0) close(end);
+    end = -1;
+  }
 }
 
 bool InterruptWatch::Requested() const {
   return interrupts > 0;
+}
+
+std::optional<std::string> InterruptWatch::ReadLine() const {
+  std::string line;
+  while (!Requested()) {
+    pollfd ready[] = {{STDIN_FILENO, POLLIN, 0}, {wake_pipe[0], POLLIN, 0}};
+    if (poll(ready, 2, -1) < 0 && errno != EINTR) break;
+    if ((ready[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+    // A byte at a time, so that nothing behind the line is taken from the next reader.
+    char c = 0;
+    const ssize_t got = read(STDIN_FILENO, &c, 1);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (got <= 0) {
+      if (line.empty()) break;
+      return line;
+    }
+    if (c == '\n') return line;
+    line += c;
+  }
+  return std::nullopt;
 }
 
 }  // namespace palimbo::cli
