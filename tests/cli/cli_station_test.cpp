@@ -321,8 +321,8 @@ TEST(Station, EachModuleTakesTheUnitScannedForIt) {
                  WriteTempFile("simulate.err", ""));
   const std::string port = module.FirstLine(10000);
   // The scanner: input that stays open after its lines, as a scanner's does.
-  const std::string scans = WriteTempFile("scans", "");
-  std::filesystem::remove(scans);
+  const std::string scans = std::filesystem::path(record).replace_filename("scans");
+  std::filesystem::remove(scans);  // one of an earlier run, which no one would open
   ASSERT_EQ(mkfifo(scans.c_str(), 0600), 0);
   const std::string err = WriteTempFile("station.err", "");
   Process station({"/bin/sh", "-c", "exec \"$0\" \"$@\" <" + scans, PALIMBO_CLI, "flash", "--json",
