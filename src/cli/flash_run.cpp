@@ -194,7 +194,8 @@ FlashReport FlashModules(const RunRequest& Request, bool Json, const BackendFact
           }
         };
         place.Units = run.Units();
-        if (Request.AskUnit) place.ReadUnitLine = [&] { return ReadUnitLine(display, i, interrupts); };
+        if (Request.AskUnit)
+          place.ReadUnitLine = [&] { return ReadUnitLine(display, i, interrupts); };
         RunStationPort(place, tally, station, run.Record());
       } else {
         ModuleResult& result = report.Modules[i];

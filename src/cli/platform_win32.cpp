@@ -60,8 +60,8 @@ bool InterruptWatch::Requested() const {
 
 std::optional<std::string> InterruptWatch::ReadLine() const {
   HANDLE self = nullptr;
-  ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &self,
-                    0, FALSE, DUPLICATE_SAME_ACCESS);
+  ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &self, 0,
+                    FALSE, DUPLICATE_SAME_ACCESS);
   reader = self;
   const HANDLE input = ::GetStdHandle(STD_INPUT_HANDLE);
   std::optional<std::string> line = std::string();

@@ -197,8 +197,8 @@ class PostgresForwarder final : public RecordForwarder {
   bool Send(const std::vector<std::string>& Batch, ForwardCount& Done, std::string& Why) {
     if (!conn_ || PQstatus(conn_.get()) != CONNECTION_OK) {
       conn_ = Connect(url_);
-      Why = PQstatus(conn_.get()) != CONNECTION_OK ? Message(conn_.get())
-                                                   : PrepareTable(conn_.get());
+      Why =
+          PQstatus(conn_.get()) != CONNECTION_OK ? Message(conn_.get()) : PrepareTable(conn_.get());
       if (!Why.empty()) {
         conn_.reset();
         return false;
