@@ -4,15 +4,9 @@
 # itself as cmake/mbedtls.cmake finds Mbed TLS. Target palimbo::pq.
 add_library(palimbo::pq INTERFACE IMPORTED)
 if(WIN32 AND CMAKE_CROSSCOMPILING)
-  if(NOT PALIMBO_LIBPQ_PREFIX)
-    execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/../scripts/libpq-windows.sh
-                    OUTPUT_VARIABLE built RESULT_VARIABLE status)
-    if(NOT status EQUAL 0)
-      message(FATAL_ERROR "scripts/libpq-windows.sh failed (${status})")
-    endif()
-    string(REGEX REPLACE ".*\n([^\n]+)\n?$" "\\1" built "\n${built}")
-    set(PALIMBO_LIBPQ_PREFIX ${built} CACHE PATH "libpq and OpenSSL built for Windows")
-  endif()
+  include(${CMAKE_CURRENT_LIST_DIR}/built_for_windows.cmake)
+  palimbo_built_for_windows(PALIMBO_LIBPQ_PREFIX libpq-windows.sh
+                            "libpq and OpenSSL built for Windows")
   # In the order the linker needs them: libpq's share of PostgreSQL's common code and ports, then
   # OpenSSL, then the Windows libraries these call: sockets, the security support provider,
   # certificate stores, and the last three, which the compiler adds anyway, named all the same.

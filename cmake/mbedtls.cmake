@@ -4,15 +4,8 @@
 # themselves so that every Windows build (tests, window, packages) gets them the same way.
 # Targets palimbo::mbedcrypto and palimbo::mbedtls.
 if(WIN32 AND CMAKE_CROSSCOMPILING)
-  if(NOT PALIMBO_MBEDTLS_PREFIX)
-    execute_process(COMMAND ${PROJECT_SOURCE_DIR}/scripts/mbedtls-windows.sh
-                    OUTPUT_VARIABLE built RESULT_VARIABLE status)
-    if(NOT status EQUAL 0)
-      message(FATAL_ERROR "scripts/mbedtls-windows.sh failed (${status})")
-    endif()
-    string(REGEX REPLACE ".*\n([^\n]+)\n?$" "\\1" built "\n${built}")
-    set(PALIMBO_MBEDTLS_PREFIX ${built} CACHE PATH "Mbed TLS built for Windows")
-  endif()
+  include(${CMAKE_CURRENT_LIST_DIR}/built_for_windows.cmake)
+  palimbo_built_for_windows(PALIMBO_MBEDTLS_PREFIX mbedtls-windows.sh "Mbed TLS built for Windows")
   set(mbedtls_include ${PALIMBO_MBEDTLS_PREFIX}/include)
   foreach(library mbedcrypto mbedx509 mbedtls)
     set(mbedtls_${library} ${PALIMBO_MBEDTLS_PREFIX}/lib/lib${library}.a)

@@ -32,19 +32,9 @@ ssl_folders=("OPENSSLDIR=C:/Program Files/Common Files/SSL"
 pq_options=("--host=$host" "CC=$cc" --with-ssl=openssl --without-readline --without-zlib
   --without-icu --without-gssapi)
 
-key=$( (printf '%s\n' "$ssl_version" "${ssl_options[@]}" "${ssl_folders[@]}" \
-  "$pq_version" "${pq_options[@]}"; cat cmake/mingw-w64-x86_64.cmake) | sha256sum | cut -c1-12)
-cache=${PALIMBO_QT_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/palimbo}
-prefix=$cache/libpq-${pq_version%%-*}-mingw-$key
-if [[ -f $prefix/.complete ]]; then
-  echo "$prefix"
-  exit 0
-fi
-
-started=$SECONDS
-work=$cache/work-$key
-rm -rf "$work" "$prefix"
-trap 'rm -rf "$work"' EXIT
+source scripts/windows-cache.sh
+cache_open "libpq-${pq_version%%-*}" < <(printf '%s\n' "$ssl_version" "${ssl_options[@]}" \
+  "${ssl_folders[@]}" "$pq_version" "${pq_options[@]}")
 ssl_source=$(scripts/debian-source.sh "$ssl_package" "$ssl_version" "$work/openssl" | tail -n1)
 pq_source=$(scripts/debian-source.sh "$pq_package" "$pq_version" "$work/postgresql" | tail -n1)
 jobs=$(nproc)
@@ -94,6 +84,4 @@ if [[ -n $clashes ]]; then
   echo "libpq for Windows still defines pthread functions: $clashes" >&2
   exit 1
 fi
-touch "$prefix/.complete"
-echo "libpq and OpenSSL for Windows built in $((SECONDS - started)) s: $(du -sh "$prefix" | cut -f1)" >&2
-echo "$prefix"
+cache_done "libpq and OpenSSL"

@@ -14,19 +14,8 @@ options=() extra=()
 while (($#)) && [[ $1 != -- ]]; do options+=("$1"); shift; done
 (($#)) && shift && extra=("$@")
 
-key=$( (printf '%s\n' "$version" "${options[@]}"; cat cmake/mingw-w64-x86_64.cmake) |
-  sha256sum | cut -c1-12)
-cache=${PALIMBO_QT_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/palimbo}
-prefix=$cache/$name-mingw-$key
-if [[ -f $prefix/.complete ]]; then
-  echo "$prefix"
-  exit 0
-fi
-
-started=$SECONDS
-work=$cache/work-$key
-rm -rf "$work" "$prefix"
-trap 'rm -rf "$work"' EXIT
+source scripts/windows-cache.sh
+cache_open "$name" < <(printf '%s\n' "$version" "${options[@]}")
 source_dir=$(scripts/debian-source.sh "$package" "$version" "$work" | tail -n1)
 
 echo "Building $package $version for Windows into $prefix" >&2
@@ -36,6 +25,4 @@ cmake -S "$source_dir" -B "$work/build" -G Ninja \
   -DCMAKE_INSTALL_PREFIX="$prefix" "${options[@]}" "${extra[@]}" >&2
 cmake --build "$work/build" -j"$(nproc)" >&2
 cmake --install "$work/build" >&2
-touch "$prefix/.complete"
-echo "$package for Windows built in $((SECONDS - started)) s: $(du -sh "$prefix" | cut -f1)" >&2
-echo "$prefix"
+cache_done "$package"

@@ -54,8 +54,6 @@ class ProductionRun {
   std::ostream* Trace(size_t Index) { return traces_.at(Index).get(); }
   /// The count of a station's modules (for all its places).
   StationTally& Tally() { return tally_; }
-  /// The forwarder of the record's lines to the plant's database, or nothing.
-  RecordForwarder* Forwarder() { return forwarder_.get(); }
   /// Stops forwarding and tells where the record's lines stand: "records: N lines in the
   /// database's table palimbo_uploads, N wait in the record", and while lines wait the
   /// database's reason; empty without a forwarder.
